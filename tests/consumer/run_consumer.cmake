@@ -25,7 +25,12 @@ endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
 get_filename_component(libdir ${pcdir} DIRECTORY)
 
-execute_process(COMMAND gcc -std=c11 -Wall -Wextra -pedantic -Werror
+# A sanitized library needs its runtime in the program that loads it.
+set(extra "")
+if(SANITIZE)
+  set(extra -fsanitize=address,undefined)
+endif()
+execute_process(COMMAND gcc -std=c11 -Wall -Wextra -pedantic -Werror ${extra}
   ${SOURCE_DIR}/tests/consumer/consumer.c ${flags} -Wl,-rpath,${libdir} -o ${WORK_DIR}/consumer
   RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
