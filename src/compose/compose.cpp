@@ -14,9 +14,18 @@ int32_t clamp32(long long n) {
     return n > INT32_MAX ? INT32_MAX : (n < INT32_MIN ? INT32_MIN : static_cast<int32_t>(n));
 }
 
-// Writes one body behind what the file holds, then tells done_cb the lines
-// and bytes of the message so far (not of what the file held before).
-int32_t write_single_body(ComposeContext &ctx, const mime_part_desc &desc) {
+} // namespace
+
+// The counts cover the message so far, not what the file held before it.
+void mime_tell_done(const ComposeContext &ctx) {
+    if (ctx.callbacks.done == nullptr)
+        return;
+    long long size = 0;
+    int32_t lines = mime_count_lines(ctx.message_path, &size, ctx.start_offset, ctx.appending);
+    ctx.callbacks.done(lines, clamp32(size - (ctx.appending ? ctx.start_offset : 0)));
+}
+
+int32_t mime_write_single_body(ComposeContext &ctx, const mime_part_desc &desc) {
     const int32_t code = mime_encoding_code(field(desc.encoding));
     const bool encoded = desc.encoding[0] != '\0' && code != MIME_ENC_PLAIN;
     TempFile temp(mime_make_temp(ctx.directory));
@@ -26,12 +35,11 @@ int32_t write_single_body(ComposeContext &ctx, const mime_part_desc &desc) {
     temp.remove();
     if (status < 0)
         return status;
-    long long size = 0;
-    int32_t lines = mime_count_lines(ctx.message_path, &size, ctx.start_offset, ctx.appending);
-    if (ctx.callbacks.done != nullptr)
-        ctx.callbacks.done(lines, clamp32(size - (ctx.appending ? ctx.start_offset : 0)));
+    mime_tell_done(ctx);
     return MIME_OK;
 }
+
+namespace {
 
 // The text part that opens a multipart composed through create_message: the
 // library writes its header itself, in its own lower-case form.
@@ -99,7 +107,7 @@ int32_t mime_compose(const ComposeFields &fields, const mime_part_desc &desc,
             if (!write_first_text_header(file, ctx, desc))
                 return MIME_FILE_ERROR;
             file.close();
-            if (int32_t status = write_single_body(ctx, desc); status < 0)
+            if (int32_t status = mime_write_single_body(ctx, desc); status < 0)
                 return status;
         }
         file.close();
@@ -112,12 +120,12 @@ int32_t mime_compose(const ComposeFields &fields, const mime_part_desc &desc,
             return MIME_FILE_ERROR;
         file.close();
         int32_t status = mime_write_embedded(ctx);
-        if (status == 7)
+        if (status == kEmbeddedMultipart)
             return open_level_one(ctx);
         return status < 0 ? status : MIME_OK;
     }
     file.close();
-    return write_single_body(ctx, desc);
+    return mime_write_single_body(ctx, desc);
 }
 
 namespace {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -42,6 +43,27 @@ struct ComposeCallbacks {
             return ex_body != nullptr ? ex_body(buffer, size, is_file, user_value) : 0;
         return body != nullptr ? body(buffer, size, is_file) : 0;
     }
+};
+
+// What next_part_cb fills, made once for one loop and zero-filled then: the
+// application may rely on what its last answer left in a record. The short
+// block is create_message's, the full record and the extra header text are
+// create_ex_message's.
+struct PartRecords {
+    static constexpr int32_t kExtraSize = 2052;
+
+    std::unique_ptr<mime_part_info> info;
+    std::unique_ptr<mime_part_desc> desc;
+    std::unique_ptr<char[]> extra; // kExtraSize bytes and a NUL that stays
+
+    // False when memory ran out.
+    bool allocate();
+    // Empties the extra text and asks for the next part in the shape of the
+    // composition. With the short block, the part is copied into `desc`
+    // unless `copy_unless` says the answer is no part. A missing callback
+    // stops the composition as -1 would.
+    int32_t ask(const ComposeCallbacks &callbacks, bool (*copy_unless)(int32_t answer));
+    std::string_view extra_text() const;
 };
 
 // What one call chain of a composition shares.
@@ -92,12 +114,26 @@ int32_t mime_compose(const ComposeFields &fields, const mime_part_desc &desc,
                      const ComposeCallbacks &callbacks, bool mime, bool newsgroups,
                      bool no_follow = false);
 
+// Puts the body of a part that is no multipart into the message through a
+// temporary file of its own, then tells done_cb the lines and bytes of the
+// message. 1 or a negative status.
+int32_t mime_write_single_body(ComposeContext &ctx, const mime_part_desc &desc);
+// Tells done_cb, if there is one, the lines and bytes of the message so far.
+void mime_tell_done(const ComposeContext &ctx);
+
 // ---- Roads of the driver that their own modules build -------------------------
 
-// The multipart loop from `level`. 1 or a negative status.
+// The deepest multipart level: the boundary stack has room for levels 1 to 99.
+inline constexpr int32_t kDeepestLevel = 99;
+// mime_write_embedded: the embedded message is a multipart whose header is
+// written; the multipart loop goes on from level 1.
+inline constexpr int32_t kEmbeddedMultipart = 7;
+
+// The multipart loop from `level`. 1 or a negative status; a multipart that
+// would open a level beyond kDeepestLevel is refused with -3.
 int32_t mime_write_multipart(ComposeContext &ctx, int32_t level);
-// An embedded message at the top level: 7 when it is a multipart whose header
-// is written, 1 when finished, or a negative status.
+// An embedded message at the top level: kEmbeddedMultipart, 1 when finished,
+// or a negative status.
 int32_t mime_write_embedded(ComposeContext &ctx);
 // A message without MIME headers. 1 or a negative status.
 int32_t mime_compose_plain(const ComposeFields &fields, ComposeContext &ctx,

@@ -6,10 +6,6 @@
 
 namespace tw {
 
-int32_t mime_write_multipart(ComposeContext &, int32_t) { return MIME_ERROR; }
-
-int32_t mime_write_embedded(ComposeContext &) { return MIME_ERROR; }
-
 int32_t mime_compose_plain(const ComposeFields &, ComposeContext &, std::string_view, bool) {
     return MIME_ERROR;
 }
