@@ -188,6 +188,20 @@ int32_t mime_feed_file(const std::string &path, const FeedSink &sink) {
     return answer == -1 ? 0 : 1;
 }
 
+std::string mime_confine_file_name(std::string_view name) {
+    constexpr std::size_t kMaxName = 255;
+    const std::size_t cut = name.find_last_of("/\\");
+    if (cut != std::string_view::npos)
+        name.remove_prefix(cut + 1);
+    std::string safe(name.substr(0, kMaxName));
+    for (char &c : safe)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+            c = '_';
+    if (safe == "." || safe == "..")
+        safe.clear();
+    return safe;
+}
+
 int32_t mime_is_uu_begin(std::string_view line) {
     // Split at blanks only; a TAB or the line end stays part of a word, so a
     // mode directly followed by CRLF is no mode.

@@ -72,6 +72,12 @@ inline constexpr std::size_t kFeedChunk = 8126;
 // file cannot be opened or the sink's last answer was -1.
 int32_t mime_feed_file(const std::string &path, const FeedSink &sink);
 
+// A file name taken from a message, made safe to join to a target
+// directory: only what follows the last '/' or '\\' is kept, control bytes
+// become '_', and it is cut to 255 bytes. Empty when nothing usable is left
+// ("", "." or ".."), which callers treat as no name at all.
+std::string mime_confine_file_name(std::string_view name);
+
 // True when the second blank-separated word of `line` is three octal digits.
 int32_t mime_is_uu_begin(std::string_view line);
 

@@ -259,3 +259,28 @@ TEST(FilesUuBegin, SecondWordMustBeThreeOctalDigits) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(ConfineFileName, KeepsNamesInsideTheirDirectory) {
+    struct Case {
+        std::string name;
+        std::string expected;
+    } cases[] = {
+        {"a.gif", "a.gif"},
+        {"../../x", "x"},
+        {"/etc/passwd", "passwd"},
+        {"a/b", "b"},
+        {"C:\\x\\y.gif", "y.gif"},
+        {"dir/", ""},
+        {"..", ""},
+        {"x/.", ""},
+        {"tab\there\x7f", "tab_here_"},
+        {std::string(300, 'n'), std::string(255, 'n')},
+        {"", ""},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(tw::mime_confine_file_name(c.name), c.expected) << c.name;
+}
+
+} // namespace
