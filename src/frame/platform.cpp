@@ -165,6 +165,24 @@ void File::close() {
     }
 }
 
+bool BufferedWriter::write(const char *data, std::size_t length) {
+    if (used_ + length > capacity_ && !flush())
+        return false;
+    if (length >= capacity_)
+        return ok_ = ok_ && file_.write_all(data, length);
+    std::memcpy(buffer_.get() + used_, data, length);
+    used_ += length;
+    return ok_;
+}
+
+bool BufferedWriter::flush() {
+    if (used_ > 0) {
+        ok_ = ok_ && file_.write_all(buffer_.get(), used_);
+        used_ = 0;
+    }
+    return ok_;
+}
+
 Stream::Stream(Stream &&other) noexcept : fp_(other.fp_), buffer_(std::move(other.buffer_)) {
     other.fp_ = nullptr;
 }

@@ -65,6 +65,28 @@ private:
     int fd_ = -1;
 };
 
+// Collects small writes (lines) for a File and passes them on in large
+// blocks, so copying a body line by line costs no system call per line.
+// Nothing is written after the first failure; flush() reports it.
+class BufferedWriter {
+public:
+    explicit BufferedWriter(File &file, std::size_t capacity = 64 * 1024)
+        : file_(file), buffer_(new char[capacity]), capacity_(capacity) {}
+    ~BufferedWriter() { flush(); }
+    BufferedWriter(const BufferedWriter &) = delete;
+    BufferedWriter &operator=(const BufferedWriter &) = delete;
+
+    bool write(const char *data, std::size_t length);
+    bool flush();
+
+private:
+    File &file_;
+    std::unique_ptr<char[]> buffer_;
+    std::size_t capacity_;
+    std::size_t used_ = 0;
+    bool ok_ = true;
+};
+
 // A buffered stdio stream over a locked descriptor, binary, 64 KiB buffer.
 class Stream {
 public:

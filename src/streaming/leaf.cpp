@@ -15,14 +15,15 @@ namespace {
 bool copy_body(Stream &stream, File &work) {
     char line[kHeaderLine + 1];
     bool started = false;
+    BufferedWriter out(work);
     while (stream.read_line(line, kHeaderLine) > 0) {
         if (!started && is_blank_line(line))
             continue;
         started = true;
-        if (!work.write_all(line, std::strlen(line)))
+        if (!out.write(line, std::strlen(line)))
             return false;
     }
-    return true;
+    return out.flush();
 }
 
 // Decodes the work file into the target. False when the decoder failed.
