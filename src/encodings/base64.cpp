@@ -133,7 +133,8 @@ bool decode_line(const unsigned char *p, std::size_t len, LineInput &in, DecodeB
     bool padded = false;
     if (std::memchr(p, base64_pad, len) == nullptr) {
         for (; p < whole_end; p += 4, o += 3) {
-            const uint32_t v = kPlaced[0][p[0]] | kPlaced[1][p[1]] | kPlaced[2][p[2]] | kPlaced[3][p[3]];
+            const uint32_t v =
+                kPlaced[0][p[0]] | kPlaced[1][p[1]] | kPlaced[2][p[2]] | kPlaced[3][p[3]];
             o[0] = static_cast<unsigned char>(v >> 16);
             o[1] = static_cast<unsigned char>(v >> 8);
             o[2] = static_cast<unsigned char>(v);

@@ -36,7 +36,8 @@ constexpr unsigned base64_value(unsigned char c) {
 inline constexpr std::array<uint8_t, 256> base64_value_table = [] {
     std::array<uint8_t, 256> t{};
     for (int c = 0; c < 256; ++c)
-        t[static_cast<size_t>(c)] = static_cast<uint8_t>(base64_value(static_cast<unsigned char>(c)));
+        t[static_cast<size_t>(c)] =
+            static_cast<uint8_t>(base64_value(static_cast<unsigned char>(c)));
     return t;
 }();
 

@@ -25,8 +25,7 @@ int32_t base64_decode_stream(Stream &in, const std::string &target_path, const c
 // is left; the line end in front of the boundary line is not written.
 // The boundary must not be empty: an empty one matches the first line.
 // 1 or 0.
-int32_t quoted_decode_stream(Stream &in, const std::string &target_path,
-                             std::string_view boundary);
+int32_t quoted_decode_stream(Stream &in, const std::string &target_path, std::string_view boundary);
 
 // Finds the next "begin" line, decodes up to the line of count 0 and leaves
 // the stream directly behind it. Boundary lines are not looked at. The

@@ -62,8 +62,7 @@ int32_t encode_file(const std::string &source_path, const std::string &target_pa
     auto in = codec::work_buffer<unsigned char>(kEncodeInBlock);
     auto out = codec::work_buffer<char>(codec::kEncodeOutBlock);
     if (!counting) {
-        const std::string begin =
-            "begin 644 " + std::string(name != nullptr ? name : "") + "\r\n";
+        const std::string begin = "begin 644 " + std::string(name != nullptr ? name : "") + "\r\n";
         if (!target.write_all(begin))
             return -1;
     }
@@ -214,7 +213,7 @@ extern "C" TARNWICK_API int32_t uuencode(const char *source_path, const char *ta
 extern "C" TARNWICK_API int32_t uudecode(const char *source_path, const char *target_path,
                                          char *name_out) {
     return tw::guarded(0, [&] {
-        return tw::decode_file(tw::codec::path_arg(source_path),
-                               tw::codec::path_arg(target_path), name_out);
+        return tw::decode_file(tw::codec::path_arg(source_path), tw::codec::path_arg(target_path),
+                               name_out);
     });
 }

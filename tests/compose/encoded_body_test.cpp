@@ -44,8 +44,8 @@ protected:
         std::memset(&info, 0, sizeof info);
         std::strcpy(info.charset, charset);
         std::strcpy(info.encoding, encoding);
-        return create_message("Ann", "Bob", "Hello", nullptr, nullptr, &info,
-                              path("m.eml").c_str(), nullptr, body_cb, nullptr, nullptr, 1, 0);
+        return create_message("Ann", "Bob", "Hello", nullptr, nullptr, &info, path("m.eml").c_str(),
+                              nullptr, body_cb, nullptr, nullptr, 1, 0);
     }
 };
 

@@ -41,7 +41,8 @@ protected:
 TEST(Base64Table, ForeignCharactersDecodeAsSixtyThree) {
     for (int c = 0; c < 256; ++c) {
         const char *hit = c != 0 ? std::strchr(tw::base64_alphabet, c) : nullptr;
-        const unsigned expected = hit != nullptr ? static_cast<unsigned>(hit - tw::base64_alphabet) : 63;
+        const unsigned expected =
+            hit != nullptr ? static_cast<unsigned>(hit - tw::base64_alphabet) : 63;
         EXPECT_EQ(tw::base64_value(static_cast<unsigned char>(c)), expected) << "byte " << c;
     }
 }
@@ -50,8 +51,12 @@ TEST_F(Base64Test, EncodesTheStandardVectors) {
     const struct {
         std::string in;
         const char *out;
-    } cases[] = {{"f", "Zg=="},       {"fo", "Zm8="},         {"foo", "Zm9v"},
-                 {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+    } cases[] = {{"f", "Zg=="},
+                 {"fo", "Zm8="},
+                 {"foo", "Zm9v"},
+                 {"foob", "Zm9vYg=="},
+                 {"fooba", "Zm9vYmE="},
+                 {"foobar", "Zm9vYmFy"},
                  {std::string("\xFF\xFE\0", 3), "//4A"}};
     for (const auto &c : cases) {
         const auto r = run(base64_encode, c.in);
@@ -96,10 +101,12 @@ TEST_F(Base64Test, EmptySourceCreatesAnEmptyTargetAndExistingTargetsAreAppendedT
 
     EXPECT_EQ(run(base64_encode, "foo", "old\r\n").output, "old\r\nZm9v\r\n");
     EXPECT_EQ(run(base64_decode, "Zm9v\r\n", "old").output, "oldfoo");
-    EXPECT_EQ(run_stream("Zm9v\r\n", [&](tw::Stream &s, const std::string &t) {
-                  tw_test::write_file(t, "old");
-                  return tw::base64_decode_stream(s, t, nullptr);
-              }).output,
+    EXPECT_EQ(run_stream("Zm9v\r\n",
+                         [&](tw::Stream &s, const std::string &t) {
+                             tw_test::write_file(t, "old");
+                             return tw::base64_decode_stream(s, t, nullptr);
+                         })
+                  .output,
               "oldfoo");
 }
 
@@ -120,8 +127,8 @@ TEST_F(Base64Test, DecodingRules) {
         {"one character completed from the next line", "QUJDR\r\nEVG\r\n", "ABCDEF", "ABCDEF", ""},
         {"two characters completed", "QUJDRE\r\nVG\r\n", "ABCDEF", "ABCDEF", ""},
         {"three characters completed", "QUJDREV\r\nG\r\n", "ABCDEF", "ABCDEF", ""},
-        {"the completing read goes no further than it needs", "QUJDREV\r\nGQUJD\r\n",
-         "ABCDEFABC", "ABCDEFABC", ""},
+        {"the completing read goes no further than it needs", "QUJDREV\r\nGQUJD\r\n", "ABCDEFABC",
+         "ABCDEFABC", ""},
         {"padding found on the line needs no completing read", "QUJDRE=\r\nQUJD\r\n", "ABCD",
          "ABCDABC", ""},
         {"padding brought by the completing read", "QUJDRA\r\n==\r\nQUJD\r\n", "ABCD", "ABCD",
@@ -129,8 +136,12 @@ TEST_F(Base64Test, DecodingRules) {
         {"end of input drops a lone character", "QUJDR", "ABC", "ABC", ""},
         {"end of input keeps whole bytes", "QUJDREU", "ABCDE", "ABCDE", ""},
         {"a blank is the value 63, not skipped", "QU D", "AO\xC3", "AO\xC3", ""},
-        {"'=' in a first place is no padding", "=QUJ\r\nQQ==", "\xFD\x05\x09" "A",
-         "\xFD\x05\x09" "A", ""},
+        {"'=' in a first place is no padding", "=QUJ\r\nQQ==",
+         "\xFD\x05\x09"
+         "A",
+         "\xFD\x05\x09"
+         "A",
+         ""},
         {"an 8-bit byte is the value 63", "\xC3QUJ", "\xFD\x05\x09", "\xFD\x05\x09", ""},
     };
     for (const auto &c : cases) {
@@ -152,8 +163,8 @@ TEST_F(Base64Test, LineLengthLimit) {
         std::string line;
         int32_t result;
     } cases[] = {
-        {q.substr(0, 76) + "\r\n", 1}, {q.substr(0, 78), 1},         {q.substr(0, 77) + "\r\n", 1},
-        {q.substr(0, 77) + "\r\r", 1}, {q.substr(0, 78) + "\n", 0},  {q.substr(0, 79), 0},
+        {q.substr(0, 76) + "\r\n", 1}, {q.substr(0, 78), 1},        {q.substr(0, 77) + "\r\n", 1},
+        {q.substr(0, 77) + "\r\r", 1}, {q.substr(0, 78) + "\n", 0}, {q.substr(0, 79), 0},
         {q.substr(0, 80) + "\r\n", 0}, {std::string(300, 'Q'), 0},
     };
     for (const auto &c : cases) {
@@ -220,15 +231,25 @@ struct CodecCall {
 
 const CodecCall kCalls[] = {
     {"base64_encode", true, -1,
-     [](const std::string &s, const std::string &t) { return base64_encode(s.c_str(), t.c_str()); }},
+     [](const std::string &s, const std::string &t) {
+         return base64_encode(s.c_str(), t.c_str());
+     }},
     {"quoted_encode", true, -1,
-     [](const std::string &s, const std::string &t) { return quoted_encode(s.c_str(), t.c_str()); }},
+     [](const std::string &s, const std::string &t) {
+         return quoted_encode(s.c_str(), t.c_str());
+     }},
     {"uuencode", true, -1,
-     [](const std::string &s, const std::string &t) { return uuencode(s.c_str(), t.c_str(), "n"); }},
+     [](const std::string &s, const std::string &t) {
+         return uuencode(s.c_str(), t.c_str(), "n");
+     }},
     {"base64_decode", false, 0,
-     [](const std::string &s, const std::string &t) { return base64_decode(s.c_str(), t.c_str()); }},
+     [](const std::string &s, const std::string &t) {
+         return base64_decode(s.c_str(), t.c_str());
+     }},
     {"quoted_decode", false, 0,
-     [](const std::string &s, const std::string &t) { return quoted_decode(s.c_str(), t.c_str()); }},
+     [](const std::string &s, const std::string &t) {
+         return quoted_decode(s.c_str(), t.c_str());
+     }},
     {"uudecode", false, 0,
      [](const std::string &s, const std::string &t) {
          char name[256];

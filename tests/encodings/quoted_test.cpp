@@ -61,8 +61,7 @@ TEST_F(QuotedTest, EncodingRules) {
         {"soft break behind the 73rd character", x(73) + "\r\n", x(73) + "=\r\n\r\n"},
         {"escape that reaches column 72", x(69) + "=", x(69) + "=3D"},
         {"soft break behind an escape", x(70) + "=", x(70) + "=3D=\r\n"},
-        {"blank that reaches column 73 stays before the soft break", x(72) + " ",
-         x(72) + " =\r\n"},
+        {"blank that reaches column 73 stays before the soft break", x(72) + " ", x(72) + " =\r\n"},
         {"escaped final blank that passes column 72", x(71) + " ", x(71) + "=20=\r\n"},
         {"long line", std::string(200, 'y'),
          std::string(73, 'y') + "=\r\n" + std::string(73, 'y') + "=\r\n" + std::string(54, 'y')},
@@ -196,12 +195,8 @@ TEST_F(QuotedTest, BinaryScan) {
         std::string content;
         int32_t binary;
     } cases[] = {
-        {"", 0},
-        {"plain text\r\n\twith TAB\n", 0},
-        {std::string(1000, ' ') + "~", 0},
-        {"\x7F", 1},
-        {std::string(100000, 'a') + "\x80", 1},
-        {std::string("a\0b", 3), 1},
+        {"", 0},        {"plain text\r\n\twith TAB\n", 0},      {std::string(1000, ' ') + "~", 0},
+        {"\x7F", 1},    {std::string(100000, 'a') + "\x80", 1}, {std::string("a\0b", 3), 1},
         {"\x1B[0m", 1},
     };
     for (const auto &c : cases) {

@@ -70,7 +70,8 @@ TEST_F(UuencodeTest, LayoutAndCountBySize) {
         EXPECT_EQ(uuencode(path("data").c_str(), "", "f.bin"), lines);
 
         const std::string text = read_file(path("enc"));
-        EXPECT_EQ(text.find(' ', text.find("f.bin")), std::string::npos) << "zero is a backquote, never a blank";
+        EXPECT_EQ(text.find(' ', text.find("f.bin")), std::string::npos)
+            << "zero is a backquote, never a blank";
         const auto all = crlf_lines(text);
         ASSERT_EQ(all.size(), static_cast<std::size_t>(lines) + 2);
         EXPECT_EQ(all[0], "");
@@ -103,9 +104,8 @@ TEST_F(UuencodeTest, KnownLinesAndAppending) {
     write_file(path("two"), "old");
     ASSERT_EQ(uuencode(path("data").c_str(), path("two").c_str(), "a"), 4);
     ASSERT_EQ(uuencode(path("data").c_str(), path("two").c_str(), "b"), 4);
-    EXPECT_EQ(read_file(path("two")),
-              "old\r\n\r\nbegin 644 a\r\n#0V%T\r\n`\r\nend\r\n"
-              "\r\n\r\nbegin 644 b\r\n#0V%T\r\n`\r\nend\r\n");
+    EXPECT_EQ(read_file(path("two")), "old\r\n\r\nbegin 644 a\r\n#0V%T\r\n`\r\nend\r\n"
+                                      "\r\n\r\nbegin 644 b\r\n#0V%T\r\n`\r\nend\r\n");
 
     EXPECT_EQ(uuencode(nullptr, path("x").c_str(), "x"), -1);
     EXPECT_EQ(uuencode("", path("x").c_str(), "x"), -1);
@@ -126,12 +126,11 @@ TEST_F(UuencodeTest, BeginLineAndDataRules) {
         {"text without a b before the word", "xx begin 644 a.txt\r\n" + cat, 1, "a.txt", "Cat"},
         {"a line whose first b does not begin the word is passed over",
          "abc begin 644 no\r\nbegin 644 yes\r\n" + cat, 1, "yes", "Cat"},
-        {"spaces inside the name stay, those at its end go",
-         "begin 644 my file.txt  \r\n" + cat, 1, "my file.txt", "Cat"},
+        {"spaces inside the name stay, those at its end go", "begin 644 my file.txt  \r\n" + cat, 1,
+         "my file.txt", "Cat"},
         {"no name", "begin 644\r\n" + cat, 1, "", "Cat"},
         {"count 0 at once", "begin 644 x\r\n`\r\nend\r\n", 1, "x", ""},
-        {"a blank as count ends the data", "begin 644 x\r\n#0V%T\r\n \r\n#0V%T\r\n", 1, "x",
-         "Cat"},
+        {"a blank as count ends the data", "begin 644 x\r\n#0V%T\r\n \r\n#0V%T\r\n", 1, "x", "Cat"},
         {"input ends without count 0", "begin 644 x\r\n#0V%T\r\n#0V%T", 1, "x", "CatCat"},
         {"another mode and LF line ends", "begin 600 y\n#0V%T\n`\n", 1, "y", "Cat"},
         {"no begin line", "nothing\r\nhere\r\n" + cat, 0, "????", ""},
@@ -149,17 +148,19 @@ TEST_F(UuencodeTest, BeginLineAndDataRules) {
 }
 
 TEST_F(UuencodeTest, ALineEndAloneIsNoCountZero) {
-    // CR decodes as a count of 45, so the line is data and the next one
-    // still counts.
-    const auto d = decode("begin 644 x\r\n\r\n#0V%T\r\n`\r\n");
-    EXPECT_EQ(d.result, 1);
-    ASSERT_EQ(d.output.size(), 48u);
-    EXPECT_EQ(d.output.substr(45), "Cat");
+    // CR decodes as a count of 45 and LF as 42, so such a line is data and
+    // the lines behind it still count.
+    for (const char *end : {"\r\n", "\n"}) {
+        const auto d = decode("begin 644 x" + std::string(end) + end + "#0V%T" + end + "`" + end);
+        EXPECT_EQ(d.result, 1);
+        const std::size_t count = end[0] == '\r' ? 45 : 42;
+        ASSERT_EQ(d.output.size(), count + 3) << "line end " << (end[0] == '\r' ? "CR LF" : "LF");
+        EXPECT_EQ(d.output.substr(count), "Cat");
+    }
 }
 
 TEST_F(UuencodeTest, DecoderReplacesItsTargetAndRemovesItOnFailure) {
-    EXPECT_EQ(decode("begin 644 x\r\n#0V%T\r\n`\r\n", "a much longer old content").output,
-              "Cat");
+    EXPECT_EQ(decode("begin 644 x\r\n#0V%T\r\n`\r\n", "a much longer old content").output, "Cat");
     const auto failed = decode("no start line\r\n", "old content");
     EXPECT_EQ(failed.result, 0);
     EXPECT_FALSE(failed.target_exists);
