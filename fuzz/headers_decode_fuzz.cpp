@@ -47,6 +47,7 @@ void run_readers(const std::string &input) {
         out.write(input.data(), static_cast<std::streamsize>(input.size()));
     }
     tw::Stream stream = tw::Stream::open_read(scratch_path());
+    ::unlink(scratch_path().c_str()); // the open stream keeps the data
     if (!stream)
         return;
     tw::run_state().header_file = nullptr;

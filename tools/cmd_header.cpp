@@ -7,12 +7,7 @@
 #include "commands.h"
 #include "tarnwick.h"
 
-// The date parser is internal to the library; the command can offer it only
-// when it is built against the library's own sources.
-#if __has_include("headers/headers.h")
 #include "headers/headers.h"
-#define TARNWICK_CLI_DATE 1
-#endif
 
 namespace cli {
 namespace {
@@ -52,7 +47,6 @@ int run_header(const std::vector<std::string> &args) {
     return usage_error(kHeader, "unknown action '" + args[0] + "'");
 }
 
-#ifdef TARNWICK_CLI_DATE
 int run_date(const std::vector<std::string> &args);
 
 const Command kDate{"date", "date TEXT",
@@ -70,7 +64,6 @@ int run_date(const std::vector<std::string> &args) {
     std::printf("%ld\n", static_cast<long>(seconds));
     return kOk;
 }
-#endif
 
 } // namespace
 } // namespace cli

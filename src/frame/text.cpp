@@ -19,7 +19,8 @@ std::size_t copy_bounded(char *dest, std::size_t width, std::string_view text) {
     if (width == 0)
         return 0;
     std::size_t n = text.size() < width - 1 ? text.size() : width - 1;
-    std::memcpy(dest, text.data(), n);
+    if (n > 0)
+        std::memcpy(dest, text.data(), n);
     dest[n] = '\0';
     return n;
 }

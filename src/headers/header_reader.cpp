@@ -77,9 +77,8 @@ int32_t mime_parse_content_type(Stream &stream, char *line, std::span<char> boun
     const std::string_view major = field(state.current_type);
 
     if (equals_nocase(major, "message") && equals_nocase(field(state.current_subtype), "partial")) {
-        mime_parse_partial_parameters(semicolon == std::string_view::npos ? ""
-                                                                          : after.data() + semicolon,
-                                      &stream, desc);
+        const char *list = semicolon == std::string_view::npos ? "" : after.data() + semicolon;
+        mime_parse_partial_parameters(list, &stream, desc);
         return 0;
     }
     // A multipart line without a ';' of its own is an ordinary header: its

@@ -262,12 +262,14 @@ int32_t mime_parse_partial_parameters(const char *text, Stream *stream, mime_par
         rest = value_end == std::string_view::npos ? std::string_view{} : rest.substr(value_end);
         switch (which) {
         case Number:
-            state.partial_number = mime_decimal_value(filtered(value, ' ', kPartNumberDigits).c_str());
+            state.partial_number =
+                mime_decimal_value(filtered(value, ' ', kPartNumberDigits).c_str());
             if (partial != nullptr)
                 partial->part_number = state.partial_number;
             break;
         case Total:
-            state.partial_total = mime_decimal_value(filtered(value, ' ', kPartTotalDigits).c_str());
+            state.partial_total =
+                mime_decimal_value(filtered(value, ' ', kPartTotalDigits).c_str());
             if (partial != nullptr)
                 partial->part_total = state.partial_total;
             break;

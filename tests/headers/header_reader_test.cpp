@@ -74,7 +74,8 @@ TEST_F(HeaderReaderTest, MultipartBoundary) {
     EXPECT_STREQ(boundary, "--abc");
     EXPECT_EQ(parse("Content-Type: MULTIPART/mixed; boundary=\"a b\"\r\n"), 1);
     EXPECT_STREQ(boundary, "--a b");
-    EXPECT_EQ(parse("Content-Type: multipart/mixed; boundary=\"" + std::string(120, 'b') + "\""), 1);
+    const std::string long_boundary(120, 'b');
+    EXPECT_EQ(parse("Content-Type: multipart/mixed; boundary=\"" + long_boundary + "\""), 1);
     EXPECT_EQ(std::string(boundary), "--" + std::string(89, 'b'));
 
     // The head of a line longer than a line read does not see the
@@ -92,8 +93,9 @@ TEST_F(HeaderReaderTest, MultipartBoundary) {
 
 TEST_F(HeaderReaderTest, ListStartingOnTheNextLineIsConsumedWhateverItIs) {
     tw::HeaderText raw;
-    EXPECT_EQ(parse("Content-Type: multipart/mixed;\r\n", "\tboundary=abc\r\nX: y\r\n", nullptr, &raw),
-              1);
+    EXPECT_EQ(
+        parse("Content-Type: multipart/mixed;\r\n", "\tboundary=abc\r\nX: y\r\n", nullptr, &raw),
+        1);
     EXPECT_STREQ(boundary, "--abc");
     EXPECT_EQ(raw.view(), "\tboundary=abc\r\n");
     EXPECT_EQ(next_line(), "X: y\r\n");
@@ -124,15 +126,10 @@ TEST_F(HeaderReaderTest, ContentTypeNameIsDecodedAndOverridesAnEarlierName) {
     EXPECT_EQ(state().file_name_found, 1);
 }
 
-TEST_F(HeaderReaderTest, PartialLineFillsRunStateAndRecord) {
-    EXPECT_EQ(parse("Content-Type: message/partial; number=2; total=3; id=\"x.y@z\"\r\n", "",
-                    &desc()),
-              0);
+TEST_F(HeaderReaderTest, PartialLineGoesToThePartialReader) {
+    EXPECT_EQ(parse("Content-Type: message/partial; number=2; id=\"x\"\r\n", "", &desc()), 0);
     EXPECT_EQ(state().partial_number, 2);
-    EXPECT_EQ(state().partial_total, 3);
-    EXPECT_STREQ(state().partial_id, "x.y@z");
     EXPECT_EQ(desc().parameters.partial.part_number, 2);
-    EXPECT_STREQ(desc().parameters.partial.part_id, "x.y@z");
 }
 
 TEST(HeaderReader, TransferEncoding) {
@@ -169,15 +166,13 @@ TEST(HeaderReader, TypeCodesAndExtensions) {
         int32_t code;
         const char *extension;
     };
+    // Case does not count; each type has its catch-all; others keep theirs.
     const std::vector<Case> cases = {
-        {"IMAGE", "GIF", 11, "gif"},      {"image", "tiff", 11, "tif"},
-        {"image", "jpeg", 11, "jpg"},     {"image", "png", 11, "bmp"},
-        {"audio", "basic", 16, "wav"},    {"video", "mpeg", 14, "mpg"},
-        {"text", "plain", 2, "txt"},      {"text", "richtext", 2, "rtx"},
-        {"text", "html", 2, "txt"},       {"application", "zip", 22, "zip"},
-        {"application", "rtf", 22, "rtf"}, {"application", "msword", 22, "doc"},
-        {"application", "postscript", 22, "eps"}, {"application", "pdf", 22, "txt"},
-        {"message", "rfc822", 3, "old"},  {"model", "vrml", 23, "old"},
+        {"IMAGE", "JPEG", 11, "jpg"},           {"image", "png", 11, "bmp"},
+        {"audio", "basic", 16, "wav"},          {"video", "mpeg", 14, "mpg"},
+        {"text", "richtext", 2, "rtx"},         {"text", "html", 2, "txt"},
+        {"application", "msword", 22, "doc"},   {"application", "pdf", 22, "txt"},
+        {"message", "rfc822", 3, "old"},        {"model", "vrml", 23, "old"},
     };
     for (const Case &c : cases) {
         std::strcpy(tw::run_state().current_type, c.type);

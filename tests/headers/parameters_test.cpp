@@ -38,23 +38,6 @@ TEST_F(ParamTest, NameAndFilenameFillOneFieldAndTheLaterWins) {
     EXPECT_STREQ(desc().charset, "us-ascii");
 }
 
-TEST_F(ParamTest, EveryKeywordReachesItsField) {
-    read("charset=c; start=<s>; type=t; subject=su; site=si; access-type=anon-ftp; "
-         "directory=d; mode=image; server=sv; permission=p; expiration=e; x-unknown=u");
-    const mime_external_body_parameters &ext = desc().parameters.external_body;
-    EXPECT_STREQ(desc().charset, "c");
-    EXPECT_STREQ(desc().start, "<s>");
-    EXPECT_STREQ(desc().type, "t");
-    EXPECT_STREQ(ext.subject, "su");
-    EXPECT_STREQ(ext.site, "si");
-    EXPECT_STREQ(ext.access_type, "anon-ftp");
-    EXPECT_STREQ(ext.directory, "d");
-    EXPECT_STREQ(ext.mode, "image");
-    EXPECT_STREQ(ext.server, "sv");
-    EXPECT_STREQ(ext.permission, "p");
-    EXPECT_STREQ(ext.expiration, "e");
-}
-
 TEST_F(ParamTest, ValuesAreCutAtTheirField) {
     read("charset=" + std::string(40, 'c') + "; mode=\"" + std::string(40, 'm') + "\"");
     EXPECT_EQ(std::string(desc().charset), std::string(19, 'c'));
