@@ -350,3 +350,35 @@ TEST_F(EndTest, SessionsFedSideBySideFromTwoThreads) {
 }
 
 } // namespace
+
+namespace {
+
+// Multipart bodies, BinHex bodies and messages without MIME headers are
+// taken as far as this library reads them so far.
+TEST_F(EndTest, BodiesNotYetTakenApart) {
+    const std::string multipart_body = crlf("preamble\n--b\nContent-Type: text/plain\n\nx\n--b--\n");
+    Recorder mixed;
+    ASSERT_EQ(extract(crlf("MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=\"b\"\n\n") +
+                          multipart_body,
+                      "./out", mixed),
+              1);
+    EXPECT_EQ(mixed.events, (std::vector<std::string>{"address", "header multipart/mixed",
+                                                      "body path"}));
+    EXPECT_EQ(read_file(mixed.delivered.at(0)), multipart_body);
+
+    Recorder binhex;
+    ASSERT_EQ(extract(crlf("MIME-Version: 1.0\nContent-Type: application/mac-binhex40\n\n"
+                           "(This file must be converted with BinHex 4.0)\n"),
+                      "./out", binhex),
+              1);
+    EXPECT_EQ(binhex.events, (std::vector<std::string>{"address",
+                                                       "header application/mac-binhex40",
+                                                       "body path"}));
+    EXPECT_STREQ(binhex.records.at(0).encoding, "binhex");
+
+    Recorder plain;
+    EXPECT_EQ(extract(crlf("From: a\nSubject: no MIME here\n\nbody\n"), "./out", plain), -1);
+    EXPECT_TRUE(plain.events.empty());
+}
+
+} // namespace
