@@ -56,4 +56,37 @@ TEST_F(NumberedFilesTest, GivesUpWhenNothingCanBeCreated) {
     EXPECT_EQ(path, dir() + "missing/");
 }
 
+TEST_F(NumberedFilesTest, OneExtractionsViewFollowsItsOwnChanges) {
+    write_file(dir() + "00000001.HDR", "");
+    write_file(dir() + "00000003.TXT", "");
+    tw::NumberedNames names;
+    std::string path;
+    tw::File file;
+    auto numbered = [&](bool want_uue) {
+        file.close();
+        names.create_numbered(dir(), want_uue, path, file);
+        return path.substr(dir().size());
+    };
+    ASSERT_TRUE(names.create_header(dir(), 1, path, file));
+    EXPECT_EQ(path, dir() + "00000002.HDR") << "only .HDR names count";
+    EXPECT_EQ(numbered(false), "00000004.TXT");
+    EXPECT_EQ(numbered(true), "00000001.UUE");
+
+    // What the extraction renames or removes gives its number back.
+    ASSERT_EQ(tw::rename_no_replace(dir() + "00000004.TXT", dir() + "x.gif"), 0);
+    names.renamed(dir() + "00000004.TXT", dir() + "x.gif");
+    EXPECT_EQ(numbered(false), "00000004.TXT");
+    ASSERT_EQ(tw::rename_no_replace(dir() + "00000001.UUE", dir() + "00000001.gif"), 0);
+    names.renamed(dir() + "00000001.UUE", dir() + "00000001.gif");
+    EXPECT_EQ(numbered(true), "00000001.UUE");
+    tw::remove_file(dir() + "00000003.TXT");
+    names.removed(dir() + "00000003.TXT");
+    EXPECT_EQ(numbered(false), "00000003.TXT");
+
+    // A file that another program made meanwhile is stepped over.
+    write_file(dir() + "00000005.TXT", "theirs");
+    EXPECT_EQ(numbered(false), "00000006.TXT");
+    EXPECT_EQ(tw_test::read_file(dir() + "00000005.TXT"), "theirs");
+}
+
 } // namespace
