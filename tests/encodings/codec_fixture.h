@@ -1,67 +1,58 @@
-// Shared by the codec tests: a scratch directory, file-to-file runs of the
-// exports, and stream runs that report where the decoder left the stream.
+// Shared by the codec tests: every codec run on files in a scratch directory.
 #pragma once
 
-#include <cstdint>
-#include <random>
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "encodings/encodings.h"
 #include "support/test_support.h"
+#include "tarnwick.h"
 
 namespace tw_test {
 
-inline std::string random_bytes(std::size_t n, uint32_t seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (char &c : s)
-        c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
+// Encoders, decoders file to file, decoders of a message stream.
+enum Codec { B64Enc, QpEnc, UuEnc, B64Dec, QpDec, UuDec, B64Stream, QpStream, UuStream };
 
 class CodecTest : public TempDirTest {
 protected:
-    using FileCodec = int32_t (*)(const char *, const char *);
-
-    // Runs a two-path export on `input` written to a fresh source; the
-    // target starts as `existing` unless that is null (then it is absent).
     struct Run {
         int32_t result;
-        std::string output;
+        std::string output, rest, name; // rest: the input from where the stream was left
     };
-    Run run(FileCodec fn, const std::string &input, const char *existing = nullptr) {
-        const std::string src = path("src." + std::to_string(++count_));
-        const std::string dst = path("dst." + std::to_string(count_));
-        write_file(src, input);
+    // `codec` on `input`, the target starting as `existing` if given. An output
+    // of "<none>" says that no target was left behind.
+    Run run(Codec codec, const std::string &input, const char *existing = nullptr) {
+        const std::string in = path("in"), out = path("out");
+        write_file(in, input);
+        std::remove(out.c_str());
         if (existing != nullptr)
-            write_file(dst, existing);
-        const int32_t result = fn(src.c_str(), dst.c_str());
-        return {result, read_file(dst)};
+            write_file(out, existing);
+        const int32_t result = call(codec, in, out);
+        const auto at = static_cast<std::size_t>(stream.tell());
+        return {result, file_exists(out) ? read_file(out) : "<none>",
+                at <= input.size() ? input.substr(at) : "?", name};
+    }
+    int32_t call(Codec codec, const std::string &source, const std::string &target) {
+        const char *s = source.c_str(), *t = target.c_str();
+        stream = tw::Stream::open_read(source);
+        std::strcpy(name, "?");
+        return codec == B64Enc      ? base64_encode(s, t)
+               : codec == QpEnc     ? quoted_encode(s, t)
+               : codec == UuEnc     ? uuencode(s, t, "a b")
+               : codec == B64Dec    ? base64_decode(s, t)
+               : codec == QpDec     ? quoted_decode(s, t)
+               : codec == UuDec     ? uudecode(s, t, name)
+               : codec == B64Stream ? tw::base64_decode_stream(stream, target, boundary)
+               : codec == QpStream  ? tw::quoted_decode_stream(stream, target, boundary)
+                                    : tw::uudecode_stream(stream, target, name);
     }
 
-    // What a stream decoder did with a message body: its result, the
-    // target's content, and the rest of the stream from where it stopped.
-    struct StreamRun {
-        int32_t result;
-        std::string output;
-        std::string rest;
-    };
-    template <typename Decode> StreamRun run_stream(const std::string &input, Decode decode) {
-        const std::string src = path("body." + std::to_string(++count_));
-        const std::string dst = path("part." + std::to_string(count_));
-        write_file(src, input);
-        tw::Stream stream = tw::Stream::open_read(src);
-        EXPECT_TRUE(stream.ok());
-        const int32_t result = decode(stream, dst);
-        const long long at = stream.tell();
-        stream.close();
-        const std::string all = read_file(src);
-        return {result, read_file(dst),
-                at >= 0 && static_cast<std::size_t>(at) <= all.size() ? all.substr(at) : "?"};
-    }
+    static int32_t failure(int codec) { return codec < B64Dec ? -1 : 0; }
 
-private:
-    int count_ = 0;
+    tw::Stream stream;            // read by the stream decoders
+    const char *boundary = "--b"; // of the stream decoders
+    char name[256];               // of the uu begin line
 };
 
 } // namespace tw_test

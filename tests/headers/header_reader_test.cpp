@@ -1,213 +1,117 @@
-// The header line readers: the MIME test, Content-type and
-// Content-Transfer-Encoding lines, the type tables and the small readers.
+// The header line readers: MIME test, Content-type, transfer encoding, values.
 #include <algorithm>
-#include <climits>
+#include <cstring>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include "headers/reader_fixture.h"
 
 namespace {
 
-using tw_test::HeaderReaderFixture;
-
-struct MimeCase {
-    const char *what;
-    std::string message;
-    int32_t expected;
-};
-
-class HeaderReaderTest : public HeaderReaderFixture {
+class HeaderReaderTest : public tw_test::HeaderReaderFixture {
 protected:
-    // Parses `line` with `rest` behind it; the boundary and file name land in
-    // the members below.
-    int32_t parse(std::string line, const std::string &rest = "", mime_part_desc *desc = nullptr,
-                  tw::HeaderText *raw = nullptr) {
+    // Parses the Content-type `line` with `rest` behind it; gives the result,
+    // the boundary, the header text collected and what is left unread.
+    std::string parse(std::string line, const std::string &rest = "", bool record = false) {
         line.resize(std::max(line.size() + 1, tw::kHeaderLine), '\0');
-        boundary[0] = '\0';
-        return tw::mime_parse_content_type(stream(rest), line.data(), boundary,
-                                           state().current_file_name, raw, desc);
+        char boundary[100] = "";
+        raw = tw::HeaderText();
+        const int32_t result = tw::mime_parse_content_type(
+            stream(rest), line.data(), boundary, state().current_file_name, &raw,
+            record ? desc.get() : nullptr);
+        return std::to_string(result) + "|" + boundary + "|" + std::string(raw.view()) + "|" +
+               unread();
     }
-    char boundary[100] = {};
+    std::string type() { return std::string(state().current_type) + "|" + state().current_subtype; }
 };
 
 TEST_F(HeaderReaderTest, FileIsMime) {
-    const std::string pad(260, 'x');
-    const std::vector<MimeCase> cases = {
-        {"both lines", "MIME-Version: 1.0\r\nContent-Type: text/plain\r\n\r\nbody\r\n", 1},
-        {"LF line ends, any case", "content-type: text/plain\nmime-version: 1.0\n\n", 1},
-        {"blank lines ahead are skipped", "\r\n\r\nMIME-Version: 1.0\r\nContent-Type: x\r\n", 1},
-        {"version with a comment", "MIME-Version: 1.0 (made by hand)\r\nContent-Type: x\r\n", 1},
-        {"version 1.1", "MIME-Version: 1.1\r\nContent-Type: text/plain\r\n", 0},
-        {"type only", "Content-Type: text/plain\r\n\r\n", 0},
-        {"version only", "MIME-Version: 1.0\r\n\r\n", 0},
-        {"both below the first blank line",
-         "From: a\r\n\r\nMIME-Version: 1.0\r\nContent-Type: text/plain\r\n", 0},
-        {"folded version", "MIME-Version:\r\n 1.0\r\nContent-Type: text/plain\r\n", 0},
-        {"piece of a long line counts as a line",
-         "MIME-Version: 1.0\r\nX-Pad: " + pad.substr(0, 248) + "Content-Type: x\r\n", 1},
+    const std::pair<std::string, int32_t> cases[] = {
+        {"content-type: text/plain\nmime-version: 1.0 (by hand)\n\n", 1},
+        {"\r\n\r\nMIME-Version: 1.0\r\nContent-Type: x\r\n", 1}, // blank lines ahead are skipped
+        {"MIME-Version: 1.1\r\nContent-Type: x\r\n", 0},
+        {"MIME-Version: 1.0\r\n\r\n", 0},
+        {"From: a\r\n\r\nMIME-Version: 1.0\r\nContent-Type: x\r\n", 0},
+        {"MIME-Version:\r\n 1.0\r\nContent-Type: x\r\n", 0},
+        {"MIME-Version: 1.0\r\nX-Pad: " + std::string(248, 'x') + "Content-Type: x\r\n", 1},
     };
-    for (const MimeCase &c : cases)
-        EXPECT_EQ(tw::mime_file_is_mime(stream(c.message)), c.expected) << c.what;
+    for (const auto &[message, expected] : cases)
+        EXPECT_EQ(tw::mime_file_is_mime(stream(message)), expected) << message;
 }
 
-TEST_F(HeaderReaderTest, TypeAndSubtypeAsWritten) {
-    EXPECT_EQ(parse("Content-type:  Text/Plain ; charset=x\r\n"), 0);
-    EXPECT_STREQ(state().current_type, "Text");
-    EXPECT_STREQ(state().current_subtype, "Plain");
-
-    parse("Content-type: text /plain (a comment)\r\n");
-    EXPECT_STREQ(state().current_type, "text ");
-    EXPECT_STREQ(state().current_subtype, "plain(acomment)");
-    EXPECT_EQ(tw::mime_type_code(), 23);
-
-    parse("Content-type " + std::string(300, 't') + "/" + std::string(300, 's'));
-    EXPECT_STREQ(state().current_type, "") << "no colon: an empty value";
-    parse("Content-type: " + std::string(300, 't') + "/" + std::string(300, 's'), "", &desc());
-    EXPECT_EQ(std::string(state().current_type), std::string(99, 't'));
-    EXPECT_EQ(std::string(state().current_subtype), std::string(99, 's'));
-    EXPECT_EQ(std::string(desc().content_type), std::string(19, 't'));
+// Both keep their case and the type its blanks; the subtype loses its
+// blanks, comments and all; overlong values are cut at the fields. Codes and
+// extensions ignore case, and each type has its catch-all.
+TEST_F(HeaderReaderTest, TypeAndSubtype) {
+    const std::pair<const char *, const char *> cases[] = {
+        // line, type code, extension, type|subtype
+        {"Content-type:  Text/Plain ; charset=x\r\n", "2txt|Text|Plain"},
+        {"Content-type: IMAGE/JPEG", "11jpg|IMAGE|JPEG"},
+        {"Content-type: image/png", "11bmp|image|png"},
+        {"Content-type: text /plain (a comment)", "23old|text |plain(acomment)"},
+        {"Content-type text/plain", "23old||"}, // no colon: an empty value
+    };
+    for (const auto &[line, expected] : cases) {
+        parse(line);
+        char extension[10] = "old";
+        tw::mime_extension_for_type(extension);
+        EXPECT_EQ(std::to_string(tw::mime_type_code()) + extension + "|" + type(), expected);
+    }
+    parse("Content-type: " + std::string(300, 't') + "/" + std::string(300, 's'), "", true);
+    EXPECT_EQ(type(), std::string(99, 't') + "|" + std::string(99, 's'));
+    EXPECT_EQ(std::string(desc->content_type), std::string(19, 't'));
 }
 
+// A line without ';' leaves the next line alone; one with nothing behind
+// its ';' takes the next line as its list, whatever it holds.
 TEST_F(HeaderReaderTest, MultipartBoundary) {
-    EXPECT_EQ(parse("Content-Type: multipart/mixed; boundary=abc\r\n"), 1);
-    EXPECT_STREQ(boundary, "--abc");
-    EXPECT_EQ(parse("Content-Type: MULTIPART/mixed; boundary=\"a b\"\r\n"), 1);
-    EXPECT_STREQ(boundary, "--a b");
-    const std::string long_boundary(120, 'b');
-    EXPECT_EQ(parse("Content-Type: multipart/mixed; boundary=\"" + long_boundary + "\""), 1);
-    EXPECT_EQ(std::string(boundary), "--" + std::string(89, 'b'));
-
-    // The head of a line longer than a line read does not see the
-    // parameters of its tail, which the caller reads as a line of its own.
-    const std::string head = "Content-Type: multipart/mixed; x-pad=";
-    EXPECT_EQ(parse(head + std::string(511 - head.size(), 'p'), "; boundary=abc\r\n"), 1);
-    EXPECT_STREQ(boundary, "");
-    EXPECT_EQ(next_line(), "; boundary=abc\r\n");
-
-    // Without a ';' on the line itself the next line is not looked at.
-    EXPECT_EQ(parse("Content-Type: multipart/mixed\r\n", " boundary=abc\r\n"), 0);
-    EXPECT_STREQ(boundary, "");
-    EXPECT_EQ(next_line(), " boundary=abc\r\n");
+    const std::string mixed = "Content-Type: multipart/mixed", b120(120, 'b');
+    const std::string pad = mixed + "; x-pad=" + std::string(474, 'p');
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"Content-Type: MULTIPART/mixed; boundary=\"a b\"\r\n", "", "1|--a b||"},
+        {mixed + "; boundary=\"" + b120 + "\"", "", "1|--" + b120.substr(31) + "||"},
+        {pad, "; boundary=a\r\n", "1|||; boundary=a\r\n"}, // the tail of a long line
+        {mixed + "\r\n", " boundary=abc\r\n", "0||| boundary=abc\r\n"},
+        {mixed + ";\r\n", "\tboundary=abc\r\nX: y\r\n", "1|--abc|\tboundary=abc\r\n|X: y\r\n"},
+        {"Content-Type: text/plain;\r\n", "Content-Transfer-Encoding: 7bit\r\n\r\n",
+         "0||Content-Transfer-Encoding: 7bit\r\n|\r\n"},
+    };
+    for (const auto &[line, rest, expected] : cases)
+        EXPECT_EQ(parse(line, rest), expected) << line;
+    EXPECT_EQ(header_file_text(), "\tboundary=abc\r\nContent-Transfer-Encoding: 7bit\r\n");
 }
 
-TEST_F(HeaderReaderTest, ListStartingOnTheNextLineIsConsumedWhateverItIs) {
-    tw::HeaderText raw;
-    EXPECT_EQ(
-        parse("Content-Type: multipart/mixed;\r\n", "\tboundary=abc\r\nX: y\r\n", nullptr, &raw),
-        1);
-    EXPECT_STREQ(boundary, "--abc");
-    EXPECT_EQ(raw.view(), "\tboundary=abc\r\n");
-    EXPECT_EQ(next_line(), "X: y\r\n");
-
-    // A line that is no continuation is taken all the same.
-    parse("Content-Type: text/plain;\r\n", "Content-Transfer-Encoding: base64\r\n\r\nbody\r\n");
-    EXPECT_EQ(next_line(), "\r\n");
-    EXPECT_EQ(header_file_text(), "\tboundary=abc\r\nContent-Transfer-Encoding: base64\r\n");
-}
-
-TEST_F(HeaderReaderTest, RelatedParametersReachTheRecord) {
-    // The boundary search takes the continuation line; start, on that line
-    // too, is still read into the record.
+// A related group's type and start reach the record, even from the line the
+// boundary search took; a name is decoded and replaces an earlier one.
+TEST_F(HeaderReaderTest, RecordNameAndPartialParameters) {
     EXPECT_EQ(parse("Content-Type: multipart/related; type=\"text/html\";",
-                    " boundary=\"xyz\"; start=\"<a@b>\"\r\nNext: line\r\n", &desc()),
-              1);
-    EXPECT_STREQ(boundary, "--xyz");
-    EXPECT_STREQ(desc().type, "text/html");
-    EXPECT_STREQ(desc().start, "<a@b>");
-    EXPECT_STREQ(desc().content_type, "multipart");
-    EXPECT_EQ(next_line(), "Next: line\r\n");
-}
-
-TEST_F(HeaderReaderTest, ContentTypeNameIsDecodedAndOverridesAnEarlierName) {
+                    " boundary=\"xyz\"; start=\"<a@b>\"\r\nNext: line\r\n", true),
+              "1|--xyz| boundary=\"xyz\"; start=\"<a@b>\"\r\n|Next: line\r\n");
+    EXPECT_EQ(std::string(desc->type) + "|" + desc->start, "text/html|<a@b>");
     std::strcpy(state().current_file_name, "from-disposition.txt");
     parse("Content-Type: text/plain; name=\"=?utf-8?B?w6kudHh0?=\"\r\n");
     EXPECT_STREQ(state().current_file_name, "\xc3\xa9.txt");
-    EXPECT_EQ(state().file_name_found, 1);
+    EXPECT_EQ(parse("Content-Type: message/partial; number=2; id=\"x\"\r\n", "", true), "0|||");
+    EXPECT_EQ(desc->parameters.partial.part_number, 2);
 }
 
-TEST_F(HeaderReaderTest, PartialLineGoesToThePartialReader) {
-    EXPECT_EQ(parse("Content-Type: message/partial; number=2; id=\"x\"\r\n", "", &desc()), 0);
-    EXPECT_EQ(state().partial_number, 2);
-    EXPECT_EQ(desc().parameters.partial.part_number, 2);
-}
-
-TEST(HeaderReader, TransferEncoding) {
-    struct Case {
-        const char *line;
-        int32_t result, encoding, state;
-    };
-    const std::vector<Case> cases = {
-        {"Content-Transfer-Encoding: base64\r\n", 1, 2, 2},
-        {"Content-Transfer-Encoding: Quoted-Printable\r\n", 1, 3, 3},
-        {"Content-Transfer-Encoding: x-uuencode", 1, 4, 4},
-        {"Content-Transfer-Encoding: bin ary\r\n", 0, 6, 0},
-        {"Content-Transfer-Encoding: base 64\r\n", 1, 2, 2},
-        {"Content-Transfer-Encoding:\tbase64\r\n", 0, 0, 0},
-        {"Content-Transfer-Encoding: uuencode\r\n", 0, 0, 0},
-        {"Content-Transfer-Encoding: 7bit\r\n", 0, 0, 0},
-        {"Content-Transfer-Encoding base64\r\n", 0, 0, 0},
-    };
-    for (const Case &c : cases) {
-        tw::run_state().transfer_encoding = 9;
+// Result, encoding and the run state's encoding as three digits; blanks go,
+// TABs do not. A header value keeps its blanks at the end.
+TEST_F(HeaderReaderTest, TransferEncodingAndHeaderValue) {
+    const std::string cte = "Content-Transfer-Encoding:";
+    const std::pair<std::string, int32_t> cases[] = {
+        {cte + " Quoted-Printable", 133}, {cte + " x-uuencode\r\n", 144},
+        {cte + " bin ary\r\n", 60},      {cte + "\tbase64", 0},
+        {cte + " uuencode\r\n", 0},      {cte + std::string(500, 'b'), 0}};
+    for (const auto &[line, expected] : cases) {
+        state().transfer_encoding = 9;
         int32_t encoding = 9;
-        EXPECT_EQ(tw::mime_parse_transfer_encoding(c.line, encoding), c.result) << c.line;
-        EXPECT_EQ(encoding, c.encoding) << c.line;
-        EXPECT_EQ(tw::run_state().transfer_encoding, c.state) << c.line;
+        const int32_t result = tw::mime_parse_transfer_encoding(line.c_str(), encoding);
+        EXPECT_EQ(result * 100 + encoding * 10 + state().transfer_encoding, expected) << line;
     }
-    const std::string long_value = "Content-Transfer-Encoding: " + std::string(500, 'b');
-    int32_t encoding = 9;
-    EXPECT_EQ(tw::mime_parse_transfer_encoding(long_value.c_str(), encoding), 0);
-}
-
-TEST(HeaderReader, TypeCodesAndExtensions) {
-    struct Case {
-        const char *type, *subtype;
-        int32_t code;
-        const char *extension;
-    };
-    // Case does not count; each type has its catch-all; others keep theirs.
-    const std::vector<Case> cases = {
-        {"IMAGE", "JPEG", 11, "jpg"},           {"image", "png", 11, "bmp"},
-        {"audio", "basic", 16, "wav"},          {"video", "mpeg", 14, "mpg"},
-        {"text", "richtext", 2, "rtx"},         {"text", "html", 2, "txt"},
-        {"application", "msword", 22, "doc"},   {"application", "pdf", 22, "txt"},
-        {"message", "rfc822", 3, "old"},        {"model", "vrml", 23, "old"},
-    };
-    for (const Case &c : cases) {
-        std::strcpy(tw::run_state().current_type, c.type);
-        std::strcpy(tw::run_state().current_subtype, c.subtype);
-        char extension[10] = "old";
-        EXPECT_EQ(tw::mime_type_code(), c.code) << c.type;
-        tw::mime_extension_for_type(extension);
-        EXPECT_STREQ(extension, c.extension) << c.type << "/" << c.subtype;
-    }
-}
-
-TEST(HeaderReader, SmallReaders) {
     char value[8];
-    tw::mime_header_value("X-Mailer: \t ab  \r\n", value);
+    tw::mime_header_value("X-Id: \t ab  \r\n", value);
     EXPECT_STREQ(value, "ab  ");
-    tw::mime_header_value("X-Mailer: a much longer value\r\n", value);
-    EXPECT_STREQ(value, "a much ");
-    tw::mime_header_value("no colon here\r\n", value);
-    EXPECT_STREQ(value, "");
-
-    const char *items = "12 text, 45 uuencode";
-    char word[6];
-    int32_t count = 0;
-    const int32_t used = tw::mime_encoding_item(items, count, word);
-    EXPECT_EQ(count, 12);
-    EXPECT_STREQ(word, "text");
-    EXPECT_EQ(used, 7);
-    tw::mime_encoding_item(items + used, count, word);
-    EXPECT_EQ(count, 45);
-    EXPECT_STREQ(word, "uuenc") << "cut at the buffer";
-
-    EXPECT_EQ(tw::mime_decimal_value(" \t\r\n42abc"), 42);
-    EXPECT_EQ(tw::mime_decimal_value("-5"), 0);
-    EXPECT_EQ(tw::mime_decimal_value(""), 0);
-    EXPECT_EQ(tw::mime_decimal_value("99999999999999"), INT32_MAX);
 }
 
 } // namespace

@@ -1,8 +1,6 @@
-// A message stream and a header file for the header line readers, with the
-// run state's reader fields cleared before each test.
+// A message stream and a header file for the header line readers.
 #pragma once
 
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -15,43 +13,34 @@ class HeaderReaderFixture : public TempDirTest {
 protected:
     void SetUp() override {
         TempDirTest::SetUp();
-        tw::mime_run_state &state = tw::run_state();
-        state.current_type[0] = state.current_subtype[0] = state.current_file_name[0] = '\0';
-        state.file_name_found = 0;
-        state.transfer_encoding = 0;
         write_file(path("hdr"), "");
         header_file_ = tw::File::open(path("hdr"), tw::OpenMode::WriteExisting);
-        ASSERT_TRUE(header_file_);
-        state.header_file = &header_file_;
-        desc_ = std::make_unique<mime_part_desc>();
+        state().header_file = &header_file_;
     }
     void TearDown() override {
-        tw::run_state().header_file = nullptr;
-        header_file_.close();
-        stream_.close();
+        state().header_file = nullptr;
         TempDirTest::TearDown();
     }
-
-    // Opens `rest` as the stream that stands behind the line being read.
+    // `rest` as the stream behind the line being read; unread(): what is left of it.
     tw::Stream &stream(const std::string &rest) {
         write_file(path("msg"), rest);
-        stream_ = tw::Stream::open_read(path("msg"));
-        EXPECT_TRUE(stream_);
-        return stream_;
+        return stream_ = tw::Stream::open_read(path("msg"));
     }
-    std::string next_line() {
-        char line[tw::kHeaderLine];
-        return stream_.read_line(line, sizeof line) > 0 ? std::string(line) : std::string();
+    std::string unread() {
+        std::string rest;
+        for (char line[tw::kHeaderLine]; stream_.read_line(line, sizeof line) > 0;)
+            rest += line;
+        return rest;
     }
     std::string header_file_text() { return read_file(path("hdr")); }
+    static tw::mime_run_state &state() { return tw::run_state(); }
 
-    tw::mime_run_state &state() { return tw::run_state(); }
-    mime_part_desc &desc() { return *desc_; }
+    tw::HeaderText raw; // header text collected by a reader
+    std::unique_ptr<mime_part_desc> desc = std::make_unique<mime_part_desc>();
 
 private:
     tw::File header_file_;
     tw::Stream stream_;
-    std::unique_ptr<mime_part_desc> desc_;
 };
 
 } // namespace tw_test

@@ -1,9 +1,7 @@
 #!/usr/bin/env python3
-"""Composes messages of several shapes with tarnwick, through create_message
-(ctypes) and through `tarnwick compose`, and reads each back with Python's
-email package: the tree of content types must be the one composed, and every
-decoded payload must equal the bytes it was made from.
-"""
+"""Messages composed through create_message and `tarnwick compose`, read back
+by Python's email package: the content-type tree and every decoded payload
+must be the ones composed."""
 import ctypes
 import email
 import os
@@ -12,10 +10,7 @@ import subprocess
 import sys
 import tempfile
 from email import policy
-
-LIB = os.environ.get("TARNWICK_LIB")
-CLI = os.environ.get("TARNWICK")
-END_MULTIPART = 19
+from pathlib import Path
 
 
 class PartInfo(ctypes.Structure):
@@ -26,247 +21,139 @@ class PartInfo(ctypes.Structure):
                 ("reserved", ctypes.c_char * 64)]
 
 
-assert ctypes.sizeof(PartInfo) == 1524
-NEXT_PART = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.POINTER(PartInfo))
-BODY = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_void_p, ctypes.c_int32,
-                        ctypes.POINTER(ctypes.c_int32))
-DONE = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_int32, ctypes.c_int32)
-EXTRA = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_char_p, ctypes.c_int32)
+I32 = ctypes.c_int32
+NEXT_PART = ctypes.CFUNCTYPE(I32, ctypes.POINTER(PartInfo))
+BODY = ctypes.CFUNCTYPE(I32, ctypes.c_void_p, I32, ctypes.POINTER(I32))
+DONE, EXTRA = ctypes.CFUNCTYPE(I32, I32, I32), ctypes.CFUNCTYPE(I32, ctypes.c_char_p, I32)
+LIB = ctypes.CDLL(os.environ["TARNWICK_LIB"])
+LIB.create_message.argtypes = [ctypes.c_char_p] * 5 + [
+    ctypes.POINTER(PartInfo), ctypes.c_char_p, NEXT_PART, BODY, DONE, EXTRA, I32, I32]
+END_MULTIPART, results = 19, []
 
 
-# ---- Shapes, and what they must read back as -------------------------------------
-
-class Leaf:
-    """A part with a body: bytes given in chunks, or a file named to the library."""
-
-    def __init__(self, ctype, data, encoding="", filename="", by_name=None):
-        self.ctype, self.data, self.encoding = ctype, data, encoding
-        self.filename, self.by_name = filename, by_name
+def check(name, ok, detail=""):
+    results.append(ok)
+    if not ok:
+        print("FAIL:", name, detail)
+    return ok
 
 
-class Multi:
-    """A multipart; at the top of a message the library writes `text` first."""
-
-    def __init__(self, subtype, parts, text=None):
-        self.subtype, self.parts, self.text = subtype, parts, text
-
-
-class Rfc822:
-    def __init__(self, inner):
-        self.inner = inner
-
-
-def steps_of(node):
-    """The answers of next_part_cb that compose `node`."""
-    if isinstance(node, Leaf):
-        return [node]
-    if isinstance(node, Rfc822):
-        return [Leaf("message/rfc822", None)] + steps_of(node.inner)
-    steps = [Leaf("multipart/" + node.subtype, None)]
-    for child in node.parts:
-        steps += steps_of(child)
-    return steps + [END_MULTIPART]
-
-
-def expected(node, top=False):
-    """(tree of content types, payloads in order)."""
-    if isinstance(node, Leaf):
-        return node.ctype, [node.data]
-    if isinstance(node, Rfc822):
-        tree, payloads = expected(node.inner)
-        return ("message/rfc822", [tree]), payloads
-    trees, payloads = (["text/plain"], [node.text]) if top else ([], [])
-    for child in node.parts:
-        tree, more = expected(child)
-        trees.append(tree)
-        payloads += more
-    return ("multipart/" + node.subtype, trees), payloads
-
-
-def read_back(msg, payloads, defects):
-    """The tree of `msg`; fills payloads (bytes, compare as lines) and defects."""
-    defects += msg.defects
-    ctype = msg.get_content_type()
-    if msg.is_multipart():
-        return ctype, [read_back(p, payloads, defects) for p in msg.get_payload()]
+def leaf(ctype, data):
     # Text that travels as lines comes back with the reader's line ends.
-    as_lines = (msg.get_content_maintype() == "text"
-                and msg.get("Content-Transfer-Encoding", "").lower() != "base64")
-    payloads.append((msg.get_payload(decode=True), as_lines))
-    return ctype
+    return ctype, data.replace(b"\r\n", b"\n") if ctype.startswith("text/") else data
 
 
-# ---- Composing through the library -----------------------------------------------
+def walk(node):
+    """Of a shape (type, content[, encoding, filename]) whose content is a list of shapes,
+    one shape (message/rfc822), bytes or a file: the answers of next_part_cb, the tree."""
+    ctype, content = node[:2]
+    if isinstance(content, tuple):
+        steps, tree = walk(content)
+        return [node] + steps, (ctype, [tree])
+    if isinstance(content, list):
+        steps, trees = zip(*map(walk, content))
+        return [node] + sum(steps, []) + [END_MULTIPART], (ctype, list(trees))
+    return [node], leaf(ctype, Path(content).read_bytes() if isinstance(content, str) else content)
 
-def compose(lib, path, top):
-    """`top` is a Multi, whose text the library writes itself, or an Rfc822."""
-    info = PartInfo()
-    if isinstance(top, Multi):
-        info.content_type, info.content_subtype = b"multipart", top.subtype.encode()
-        steps = steps_of(top)[1:]
-        bodies = [Leaf("text/plain", top.text)]
-    else:
-        info.content_type, info.content_subtype = b"message", b"rfc822"
-        steps, bodies = steps_of(top.inner), []
-    steps.reverse()
-    offset = [0]
+
+def compose(path, top, text=None):
+    """Composes `top`; `text` is what the library writes first into a multipart."""
+    steps, tree = walk(top)
+    steps, bodies, offset = steps[:0:-1], [text] if text else [], [0]
+    tree = (tree[0], [leaf("text/plain", text)] + tree[1]) if text else tree
+
+    def fill(record, node):
+        record.content_type, record.content_subtype = (s.encode() for s in node[0].split("/"))
+        record.encoding, record.filename = (s.encode() for s in (*node[2:], "", "")[:2])
 
     def next_part(record):
-        if not steps:
-            return -1
-        step = steps.pop()
-        if step == END_MULTIPART:
-            return END_MULTIPART
+        step = steps.pop() if steps else -1
+        if step in (-1, END_MULTIPART):
+            return step
         ctypes.memset(record, 0, ctypes.sizeof(PartInfo))
-        rec = record.contents
-        major, minor = step.ctype.split("/")
-        rec.content_type, rec.content_subtype = major.encode(), minor.encode()
-        rec.encoding, rec.filename = step.encoding.encode(), step.filename.encode()
-        if step.data is not None:
-            bodies.append(step)
+        fill(record.contents, step)
+        if not isinstance(step[1], (list, tuple)):
+            bodies.append(step[1])
         return 1
 
     def body(buffer, size, is_file):
         if not bodies:
             return -1
-        item = bodies[0]
-        if item.by_name:
-            name = item.by_name.encode()
-            ctypes.memmove(buffer, name, len(name))
-            is_file[0] = 1
-            bodies.pop(0)
-            return len(name)
-        chunk = item.data[offset[0]:offset[0] + size]
-        if not chunk:
+        is_file[0] = isinstance(bodies[0], str)
+        chunk = bodies[0].encode() if is_file[0] else bodies[0][offset[0]:offset[0] + size]
+        offset[0] += len(chunk)
+        if is_file[0] or not chunk:
             bodies.pop(0)
             offset[0] = 0
-            return 0
         ctypes.memmove(buffer, chunk, len(chunk))
-        is_file[0] = 0
-        offset[0] += len(chunk)
         return len(chunk)
 
-    callbacks = NEXT_PART(next_part), BODY(body)
-    result = lib.create_message(b"Ann", b"Bob", b"Shapes", None, None, ctypes.byref(info),
-                                path.encode(), callbacks[0], callbacks[1], DONE(), EXTRA(),
-                                1, 0)
-    if result != 1 or steps or bodies:
-        raise AssertionError("composing %s failed or stopped early" % path)
+    info, callbacks = PartInfo(), (NEXT_PART(next_part), BODY(body))
+    fill(info, top)
+    result = LIB.create_message(b"Ann", b"Bob", b"Shapes", None, None, ctypes.byref(info),
+                                path.encode(), *callbacks, DONE(), EXTRA(), 1, 0)
+    check("composing " + path, result == 1 and not steps and not bodies, result)
+    return tree
 
 
-# ---- Checks --------------------------------------------------------------------
+def read_check(path, tree):
+    def read(msg):
+        defects.extend(msg.defects)
+        if msg.is_multipart():
+            return msg.get_content_type(), [read(p) for p in msg.get_payload()]
+        return leaf(msg.get_content_type(), msg.get_payload(decode=True))
 
-failures = []
-
-
-def check(name, path, tree, payloads):
-    with open(path, "rb") as f:
-        msg = email.message_from_binary_file(f, policy=policy.default)
-    got, defects = [], []
-    got_tree = read_back(msg, got, defects)
-    if got_tree != tree:
-        failures.append("%s: tree %r, expected %r" % (name, got_tree, tree))
-        return
-    if len(got) != len(payloads):
-        failures.append("%s: %d payloads, expected %d" % (name, len(got), len(payloads)))
-    for i, ((a, as_lines), b) in enumerate(zip(got, payloads)):
-        if as_lines:
-            a, b = a.replace(b"\r\n", b"\n"), b.replace(b"\r\n", b"\n")
-        if a != b:
-            failures.append("%s: payload %d differs" % (name, i))
-    if defects:
-        failures.append("%s: defects %r" % (name, defects))
-
-
-def library_shapes(rng, workdir):
-    def noise(n):
-        return bytes(rng.getrandbits(8) for _ in range(n))
-
-    big, big_data = os.path.join(workdir, "big.bin"), noise(100003)
-    with open(big, "wb") as f:
-        f.write(big_data)
-    qp_text = (b"a line with = signs and trailing blanks  \r\n" + b"x" * 200 + b"\r\n"
-               + b"tab\tend\t\r\n")
-    return {
-        "three binary attachments": Multi("mixed", [
-            Leaf("application/octet-stream", noise(1), "base64", "one.bin"),
-            Leaf("image/png", noise(8126 * 3 + 5), "base64", "chunks.png"),
-            Leaf("application/octet-stream", big_data, "base64", "big.bin", by_name=big),
-        ], text=b"Three attachments follow.\r\n"),
-        "alternative inside mixed": Multi("mixed", [
-            Multi("alternative", [
-                Leaf("text/plain", b"plain version\r\n"),
-                Leaf("text/html", b"<p>html version</p>\r\n", "quoted-printable"),
-            ]),
-            Leaf("text/plain", qp_text, "quoted-printable", "notes.txt"),
-            Leaf("application/pdf", noise(777), "base64", "doc.pdf"),
-        ], text=b"See below.\r\n"),
-        "embedded message in mixed": Multi("mixed", [
-            Rfc822(Multi("mixed", [
-                Leaf("text/plain", b"inner text\r\n"),
-                Leaf("image/gif", noise(300), "base64", "inner.gif"),
-            ])),
-            Leaf("text/plain", b"after the message\r\n"),
-        ], text=b"A forwarded message.\r\n"),
-        "embedded multipart at the top": Rfc822(Multi("alternative", [
-            Leaf("text/plain", b"plain\r\n"), Leaf("text/html", b"<b>html</b>\r\n")])),
-    }
-
-
-def cli_shapes(rng, workdir):
-    """(name, arguments of `tarnwick compose`, tree, payloads)."""
-    text = b"Hello,\r\nthe files are attached.\r\n"
-    files = {"body.txt": text,
-             "photo.jpg": bytes(rng.getrandbits(8) for _ in range(20000)),
-             "notes.txt": b"plain notes\r\n-- \r\nsig\r\n",
-             "page.html": "<p>caf\u00e9</p>\r\n".encode(),
-             "data": b"\x00\x01\x02 no extension"}
-    for name, data in files.items():
-        with open(os.path.join(workdir, name), "wb") as f:
-            f.write(data)
-    attach = ["photo.jpg", "notes.txt", "page.html", "data"]
-    args = ["--from", "Bob", "--to", "Ann", "--subject", "Files", "--text", "body.txt"]
-    return [
-        ("cli --attach", args + sum((["--attach", a] for a in attach), []),
-         ("multipart/mixed", ["text/plain", "image/jpeg", "text/plain", "text/html",
-                              "application/octet-stream"]),
-         [text] + [files[a] for a in attach]),
-        ("cli --html", args + ["--html", "page.html"],
-         ("multipart/alternative", ["text/plain", "text/html"]), [text, files["page.html"]]),
-    ]
+    defects = []
+    got = read(email.message_from_bytes(Path(path).read_bytes(), policy=policy.default))
+    check(path, got == tree and not defects, f"{defects}\n read {got!r:.500}\n made {tree!r:.500}")
 
 
 def main():
-    if not LIB or not CLI:
-        print("TARNWICK and TARNWICK_LIB must be set", file=sys.stderr)
-        return 2
-    lib = ctypes.CDLL(LIB)
-    lib.create_message.restype = ctypes.c_int32
-    lib.create_message.argtypes = [ctypes.c_char_p] * 5 + [
-        ctypes.POINTER(PartInfo), ctypes.c_char_p, NEXT_PART, BODY, DONE, EXTRA,
-        ctypes.c_int32, ctypes.c_int32]
-    rng = random.Random(5)
-    with tempfile.TemporaryDirectory() as workdir:
-        os.chdir(workdir)
-        for i, (name, shape) in enumerate(library_shapes(rng, workdir).items()):
-            path = "shape%d.eml" % i
-            compose(lib, path, shape)
-            check(name, path, *expected(shape, top=isinstance(shape, Multi)))
-        for i, (name, args, tree, payloads) in enumerate(cli_shapes(rng, workdir)):
-            path = "cli%d.eml" % i
-            run = subprocess.run([CLI, "compose"] + args + ["-o", path], capture_output=True,
-                                 text=True)
-            if run.returncode != 0:
-                failures.append("%s: exit %d: %s" % (name, run.returncode, run.stderr))
-                continue
-            check(name, path, tree, payloads)
-        leftovers = [n for n in os.listdir(workdir) if n.startswith("$$$")]
-        if leftovers:
-            failures.append("temporary files left behind: %r" % leftovers)
-        os.chdir("/")
-    for failure in failures:
-        print("FAIL " + failure, file=sys.stderr)
-    return 1 if failures else 0
+    noise = random.Random(5).randbytes
+    work = tempfile.TemporaryDirectory()
+    os.chdir(work.name)
+    files = {"big.bin": noise(100003), "photo.jpg": noise(20000), "data": b"\x00\x01 no extension",
+             "body.txt": b"Hello,\r\nthe files are attached.\r\n", "notes.txt": b"notes\r\n-- \r\n",
+             "page.html": "<p>caf\u00e9</p>\r\n".encode()}
+    for name, data in files.items():
+        Path(name).write_bytes(data)
+    qp_text = b"a line with = signs and trailing blanks  \r\n" + b"x" * 200 + b"\r\ntab\tend\t\r\n"
+    octets, b64 = "application/octet-stream", "base64"
+    shapes = [  # (shape, text the library writes first)
+        (("multipart/mixed", [(octets, noise(1), b64, "one.bin"),
+                              ("image/png", noise(8126 * 3 + 5), b64, "chunks.png"),
+                              (octets, "big.bin", b64, "big.bin")]), b"Attachments follow.\r\n"),
+        (("multipart/mixed", [
+            ("multipart/alternative", [("text/plain", b"plain version\r\n"),
+                                       ("text/html", b"<p>html</p>\r\n", "quoted-printable")]),
+            ("text/plain", qp_text, "quoted-printable", "notes.txt"),
+            ("application/pdf", noise(777), b64, "doc.pdf")]), b"See below.\r\n"),
+        (("multipart/mixed", [
+            ("message/rfc822", ("multipart/mixed", [("text/plain", b"inner text\r\n"),
+                                                    ("image/gif", noise(300), b64, "in.gif")])),
+            ("text/plain", b"after the message\r\n")]), b"A forwarded message.\r\n"),
+        (("message/rfc822", ("multipart/alternative", [("text/plain", b"plain\r\n"),
+                                                       ("text/html", b"<b>html</b>\r\n")])), None),
+    ]
+    for i, (shape, text) in enumerate(shapes):
+        read_check("shape%d.eml" % i, compose("shape%d.eml" % i, shape, text))
+
+    attach = sum((["--attach", f] for f in ("photo.jpg", "notes.txt", "page.html", "data")), [])
+    for extra, ctype, types in (
+            (attach, "mixed", ["text/plain", "image/jpeg", "text/plain", "text/html", octets]),
+            (["--html", "page.html"], "alternative", ["text/plain", "text/html"])):
+        path = extra[0][2:] + ".eml"  # a new file: the command appends to an existing one
+        run = subprocess.run([os.environ["TARNWICK"], "compose", "--from", "Bob", "--to", "Ann",
+                              "--subject", "Files", "--text", "body.txt", "-o", path] + extra,
+                             capture_output=True, text=True)
+        if check("compose " + extra[0], run.returncode == 0, run.stderr):
+            read_check(path, ("multipart/" + ctype, [leaf(t, files[f]) for t, f in
+                                                     zip(types, ["body.txt"] + extra[1::2])]))
+    leftovers = [n for n in os.listdir(".") if n.startswith("$$$")]
+    check("no temporary file left behind", not leftovers, leftovers)
+    work.cleanup()
+    print("%d passed, %d failed" % (results.count(True), results.count(False)))
+    return 0 if all(results) else 1
 
 
 if __name__ == "__main__":
