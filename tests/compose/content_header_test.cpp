@@ -18,9 +18,12 @@ int32_t extra_header_cb(char *buffer, int32_t size) {
 // The header of `p` at `level`, what mime_write_content_header answered and
 // the embedded flag it set.
 std::tuple<std::string, int32_t, int32_t> header(const Part &p, int32_t level,
-                                                 std::string_view extra = {}) {
+                                                 std::string_view extra = {},
+                                                 void (*edit)(mime_part_desc &) = nullptr) {
     auto desc = std::make_unique<mime_part_desc>();
     fill(*desc, p);
+    if (edit)
+        edit(*desc);
     tw_test::write_file(kMessage, "");
     tw::File f = tw::File::open(kMessage, tw::OpenMode::WriteExisting);
     int32_t embedded = 0, seed = 1;
@@ -55,6 +58,25 @@ TEST_F(ComposeTest, ContentHeaderLinesOfEachKindOfPart) {
     };
     for (const auto &c : cases)
         EXPECT_EQ(header(c.part, c.level), std::tuple(crlf(c.expected), c.result, 0));
+}
+
+// Without access-type the header fails as it stands; with it, the
+// parameters follow in their fixed order.
+TEST_F(ComposeTest, ContentHeaderOfAnExternalBody) {
+    const Part doc{.type = "message", .subtype = "external-body", .filename = "doc"};
+    const std::string start = "Content-type: message/external-body;\n  name=doc";
+    EXPECT_EQ(header(doc, 0), std::tuple(crlf(start), -1, 1));
+    EXPECT_EQ(header(doc, 0, {}, [](mime_part_desc &d) {
+                  auto &p = d.parameters.external_body;
+                  for (char *f : {p.access_type, p.site, p.subject, p.directory, p.mode,
+                                  p.expiration, p.server, p.permission})
+                      std::strcpy(f, "v");
+                  p.size = 4096;
+              }),
+              std::tuple(crlf(start + ";\n  access-type=v;\n  site=\"v\";\n  subject=\"v\";\n"
+                                      "  directory=\"v\";\n  mode=\"v\";\n  expiration=\"v\";\n"
+                                      "  server=\"v\";\n  size=4096;\n  permission=\"v\"\n\n"),
+                         0, 1));
 }
 
 // Answers of extra_header_cb follow the fixed lines, the caller's extra text
