@@ -58,25 +58,8 @@ int32_t encode_file(const std::string &source_path, const std::string &target_pa
         if (!target)
             return -1;
     }
-    auto in = codec::work_buffer<unsigned char>(kEncodeInBlock);
-    auto out = codec::work_buffer<char>(codec::kEncodeOutBlock);
-    int64_t lines = 0;
-    for (;;) {
-        // A failed read ends the source like its end does.
-        const long long got = source.read_full(in.get(), kEncodeInBlock);
-        if (got <= 0)
-            break;
-        const auto n = static_cast<std::size_t>(got);
-        if (counting) {
-            lines += static_cast<int64_t>((n + kLineBytes - 1) / kLineBytes);
-            continue;
-        }
-        char *o = out.get();
-        for (std::size_t at = 0; at < n; at += kLineBytes, ++lines)
-            o = encode_line(in.get() + at, std::min(kLineBytes, n - at), o);
-        if (!target.write_all(out.get(), static_cast<std::size_t>(o - out.get())))
-            return -1;
-    }
+    const int64_t lines = codec::encode_lines<kLineBytes, kEncodeInBlock>(
+        source, counting ? nullptr : &target, encode_line);
     return static_cast<int32_t>(lines);
 }
 
@@ -200,17 +183,10 @@ int32_t decode_lines(LineInput &in, File &target, const char *boundary, bool str
 }
 
 int32_t decode_file(const std::string &source_path, const std::string &target_path) {
-    BusyFlag busy(run_state().mime_decoder_busy);
-    if (!busy.taken())
-        return 0;
-    Stream source = Stream::open_read(source_path);
-    if (!source)
-        return 0;
-    File target = codec::open_append_target(target_path);
-    if (!target)
-        return 0;
-    LineInput in(source);
-    return decode_lines(in, target, nullptr, false);
+    return codec::decode_from_file(source_path, [&](LineInput &in) {
+        File target = codec::open_append_target(target_path);
+        return target ? decode_lines(in, target, nullptr, false) : 0;
+    });
 }
 
 } // namespace

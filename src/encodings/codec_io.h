@@ -3,6 +3,7 @@
 // input with its counted position, and the table-driven 3-to-4 group writer.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -95,6 +96,50 @@ private:
     Stream &stream_;
     long long position_;
 };
+
+// The loop of the line encoders: reads whole blocks of `InBlock` source
+// bytes, turns each `LineBytes` of them into a line through
+// `encode_line(in, n, out)` (which gives the end of what it wrote) and writes
+// a block's text at once. Without a target only the lines are counted. The
+// lines, or -1 when a write failed; a failed read ends the source like its
+// end does.
+template <std::size_t LineBytes, std::size_t InBlock, typename EncodeLine>
+int64_t encode_lines(File &source, File *target, EncodeLine encode_line) {
+    static_assert(InBlock % LineBytes == 0, "blocks hold whole lines only");
+    auto in = work_buffer<unsigned char>(InBlock);
+    auto out = work_buffer<char>(kEncodeOutBlock);
+    int64_t lines = 0;
+    for (;;) {
+        const long long got = source.read_full(in.get(), InBlock);
+        if (got <= 0)
+            return lines;
+        const auto n = static_cast<std::size_t>(got);
+        if (target == nullptr) {
+            lines += static_cast<int64_t>((n + LineBytes - 1) / LineBytes);
+            continue;
+        }
+        char *o = out.get();
+        for (std::size_t at = 0; at < n; at += LineBytes, ++lines)
+            o = encode_line(in.get() + at, std::min(LineBytes, n - at), o);
+        if (!target->write_all(out.get(), static_cast<std::size_t>(o - out.get())))
+            return -1;
+    }
+}
+
+// A file-to-file decoding under the decoders' busy flag: `decode(in)` reads
+// the source through `in`. 0 when the decoder is busy or the source cannot
+// be read, else what `decode` gives.
+template <typename Decode>
+int32_t decode_from_file(const std::string &source_path, Decode decode) {
+    BusyFlag busy(run_state().mime_decoder_busy);
+    if (!busy.taken())
+        return 0;
+    Stream source = Stream::open_read(source_path);
+    if (!source)
+        return 0;
+    LineInput in(source);
+    return decode(in);
+}
 
 inline bool starts_with(const char *line, std::size_t length, std::string_view prefix) {
     return length >= prefix.size() && std::memcmp(line, prefix.data(), prefix.size()) == 0;

@@ -210,17 +210,10 @@ int32_t decode_lines(LineInput &in, File &target, const std::string_view *bounda
 }
 
 int32_t decode_file(const std::string &source_path, const std::string &target_path) {
-    BusyFlag busy(run_state().mime_decoder_busy);
-    if (!busy.taken())
-        return 0;
-    Stream source = Stream::open_read(source_path);
-    if (!source)
-        return 0;
-    File target = codec::open_append_target(target_path);
-    if (!target)
-        return 0;
-    LineInput in(source);
-    return decode_lines(in, target, nullptr);
+    return codec::decode_from_file(source_path, [&](LineInput &in) {
+        File target = codec::open_append_target(target_path);
+        return target ? decode_lines(in, target, nullptr) : 0;
+    });
 }
 
 } // namespace

@@ -59,32 +59,17 @@ int32_t encode_file(const std::string &source_path, const std::string &target_pa
         // it; their fate does not decide the result.
         (void)target.write_all("\r\n\r\n");
     }
-    auto in = codec::work_buffer<unsigned char>(kEncodeInBlock);
-    auto out = codec::work_buffer<char>(codec::kEncodeOutBlock);
     if (!counting) {
         const std::string begin = "begin 644 " + std::string(name != nullptr ? name : "") + "\r\n";
         if (!target.write_all(begin))
             return -1;
     }
-    int64_t lines = 1;
-    for (;;) {
-        const long long got = source.read_full(in.get(), kEncodeInBlock);
-        if (got <= 0)
-            break;
-        const auto n = static_cast<std::size_t>(got);
-        if (counting) {
-            lines += static_cast<int64_t>((n + kLineBytes - 1) / kLineBytes);
-            continue;
-        }
-        char *o = out.get();
-        for (std::size_t at = 0; at < n; at += kLineBytes, ++lines)
-            o = encode_line(in.get() + at, std::min(kLineBytes, n - at), o);
-        if (!target.write_all(out.get(), static_cast<std::size_t>(o - out.get())))
-            return -1;
-    }
-    if (!counting && (!target.write_all("`\r\n") || !target.write_all("end\r\n")))
+    const int64_t lines = codec::encode_lines<kLineBytes, kEncodeInBlock>(
+        source, counting ? nullptr : &target, encode_line);
+    if (lines < 0 || (!counting && (!target.write_all("`\r\n") || !target.write_all("end\r\n"))))
         return -1;
-    return static_cast<int32_t>(lines + 2);
+    // The begin line, the empty line and the end line count too.
+    return static_cast<int32_t>(lines + 3);
 }
 
 // ---- Decoding -----------------------------------------------------------
@@ -178,16 +163,10 @@ int32_t decode_into(LineInput &in, const std::string &target_path, char *name_ou
 
 int32_t decode_file(const std::string &source_path, const std::string &target_path,
                     char *name_out) {
-    BusyFlag busy(run_state().mime_decoder_busy);
-    if (!busy.taken())
-        return 0;
     if (source_path.empty() || target_path.empty())
         return 0;
-    Stream source = Stream::open_read(source_path);
-    if (!source)
-        return 0;
-    LineInput in(source);
-    return decode_into(in, target_path, name_out);
+    return codec::decode_from_file(
+        source_path, [&](LineInput &in) { return decode_into(in, target_path, name_out); });
 }
 
 } // namespace
