@@ -1,5 +1,6 @@
-// tarnwick compose: a text message from a text file, with attachments
-// (multipart/mixed) or an HTML version (multipart/alternative).
+// tarnwick compose: a text message from a text file, with an HTML version
+// (multipart/alternative) and attachments (multipart/mixed), through
+// create_ex_message so that a subject or display name need not be ASCII.
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -139,62 +140,199 @@ template <std::size_t N> void put(char (&field)[N], std::string_view text) {
 
 // ---- The parts and the callbacks ------------------------------------------------
 
-// One part behind the text that the library writes itself.
+// One part of the message, or the close of a multipart level.
 struct Part {
-    std::string path;
+    std::string path; // the body; empty for a multipart
     std::string type, subtype, charset, encoding, filename;
+    bool close = false;
 };
 
-// The callbacks of create_message carry no context, so what the one
-// composition of this command needs is held here.
+// The composition of one call. It travels as the user_value of the
+// callbacks, so nothing of it is global.
 struct Job {
-    std::ifstream *text = nullptr; // the body of the first part
-    std::vector<Part> parts;
+    Part top;
+    std::vector<Part> steps; // the answers of the multipart loop, in order
     std::size_t next = 0;
-    std::unique_ptr<std::ifstream> part_stream; // a part too long a path to name
-    const Part *current = nullptr;              // whose body comes next
+    bool asked_top = false;
+    std::unique_ptr<std::ifstream> stream; // a body read through this process
+    const Part *current = nullptr;         // whose body comes next
+    bool plain = false;                    // no MIME: attachments end the message
 };
-Job *g_job = nullptr;
+
+Job &job_of(intptr_t value) { return *reinterpret_cast<Job *>(value); }
 
 int32_t read_into(std::ifstream &in, char *buffer, int32_t size) {
     in.read(buffer, size);
     return static_cast<int32_t>(in.gcount());
 }
 
-int32_t body_from_file(char *buffer, int32_t size, int32_t *is_file) {
+int32_t body_from_file(char *buffer, int32_t size, int32_t *is_file, intptr_t value) {
+    Job &job = job_of(value);
     *is_file = 0;
-    if (g_job == nullptr)
+    if (job.current == nullptr || job.current->path.empty())
         return 0;
-    if (g_job->current == nullptr)
-        return g_job->text != nullptr ? read_into(*g_job->text, buffer, size) : 0;
-    if (g_job->part_stream)
-        return read_into(*g_job->part_stream, buffer, size);
-    // The library reads a named file itself, so a large attachment is never
+    if (job.stream)
+        return read_into(*job.stream, buffer, size);
+    // The library reads a named file itself, so a large body is never
     // copied through this process.
-    const std::string &path = g_job->current->path;
+    const std::string &path = job.current->path;
     if (path.size() < 1024 && path.size() <= static_cast<std::size_t>(size)) {
         std::memcpy(buffer, path.data(), path.size());
         *is_file = 1;
         return static_cast<int32_t>(path.size());
     }
-    g_job->part_stream = std::make_unique<std::ifstream>(path, std::ios::binary);
-    return read_into(*g_job->part_stream, buffer, size);
+    job.stream = std::make_unique<std::ifstream>(path, std::ios::binary);
+    return read_into(*job.stream, buffer, size);
 }
 
-int32_t next_part(mime_part_info *info) {
-    if (g_job == nullptr || g_job->next >= g_job->parts.size())
+void describe(mime_part_desc &record, const Part &part) {
+    // The loop keeps the record between calls: every field is set anew.
+    std::memset(&record, 0, sizeof record);
+    put(record.content_type, part.type);
+    put(record.content_subtype, part.subtype);
+    put(record.charset, part.charset);
+    put(record.encoding, part.encoding);
+    put(record.filename, part.filename);
+}
+
+int32_t next_part(mime_part_desc *record, char *, int32_t, intptr_t value) {
+    Job &job = job_of(value);
+    const Part *part = nullptr;
+    if (!job.asked_top) {
+        job.asked_top = true;
+        part = &job.top;
+    } else if (job.next < job.steps.size()) {
+        part = &job.steps[job.next++];
+    } else {
+        // Beyond the plan: the multipart road closes, the plain one ends.
+        return record != nullptr && !job.plain ? MIME_PART_END_MULTIPART : 0;
+    }
+    if (part->close)
         return MIME_PART_END_MULTIPART;
-    const Part &part = g_job->parts[g_job->next++];
-    std::memset(info, 0, sizeof *info);
-    put(info->content_type, part.type);
-    put(info->content_subtype, part.subtype);
-    put(info->charset, part.charset);
-    put(info->encoding, part.encoding);
-    put(info->filename, part.filename);
-    g_job->current = &part;
-    g_job->part_stream.reset();
+    if (record != nullptr)
+        describe(*record, *part);
+    job.current = part;
+    job.stream.reset();
     return 1;
 }
+
+// ---- Address fields and the subject ---------------------------------------------
+
+bool is_ascii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+std::string_view trimmed(std::string_view text) {
+    const std::size_t first = text.find_first_not_of(" \t");
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// The addresses of a field, split at the commas that stand outside quotes
+// and angle brackets.
+std::vector<std::string_view> split_addresses(std::string_view text) {
+    std::vector<std::string_view> addresses;
+    bool quoted = false;
+    int angle = 0;
+    std::size_t start = 0;
+    for (std::size_t i = 0; i <= text.size(); ++i) {
+        if (i == text.size() || (text[i] == ',' && !quoted && angle == 0)) {
+            if (const std::string_view one = trimmed(text.substr(start, i - start)); !one.empty())
+                addresses.push_back(one);
+            start = i + 1;
+        } else if (text[i] == '"') {
+            quoted = !quoted;
+        } else if (text[i] == '<' && !quoted) {
+            ++angle;
+        } else if (text[i] == '>' && !quoted && angle > 0) {
+            --angle;
+        }
+    }
+    return addresses;
+}
+
+// The value of one element as the library writes it.
+std::string encode_value(mime_hdr_field &element, std::string &error) {
+    std::string out(4096 + (std::strlen(element.charset) + 16) * std::strlen(element.text), '\0');
+    int32_t length = static_cast<int32_t>(out.size());
+    const int32_t status = mime_encode_HdrField(&element, out.data(), &length);
+    if (status != MIME_OK) {
+        error = "encoding a header failed with status " + std::to_string(status);
+        return {};
+    }
+    out.resize(static_cast<std::size_t>(length));
+    return out;
+}
+
+// An address field as one plain element: an address whose display name is
+// not ASCII gets that name as encoded words, its <address> stays as it is.
+// Everything else is written as the user gave it. The library folds the
+// field behind the last comma of each too-long stretch, never inside an
+// address.
+bool address_value(const std::string &text, std::string charset, std::string &value,
+                   std::string &error) {
+    if (is_ascii(text)) {
+        value = text;
+        return true;
+    }
+    for (const std::string_view address : split_addresses(text)) {
+        const std::size_t open = address.rfind('<');
+        if (open == std::string_view::npos || !is_ascii(address.substr(open))) {
+            error = "an address must be ASCII: '" + std::string(address) + "'";
+            return false;
+        }
+        std::string name(trimmed(address.substr(0, open)));
+        if (name.size() >= 2 && name.front() == '"' && name.back() == '"')
+            name = name.substr(1, name.size() - 2);
+        if (!value.empty())
+            value += ", ";
+        if (is_ascii(name)) {
+            value += address;
+            continue;
+        }
+        mime_hdr_field element{name.data(), charset.data(), MIME_ENC_BASE64, nullptr};
+        std::string words = encode_value(element, error);
+        if (!error.empty())
+            return false;
+        if (words.starts_with("\r\n  ")) // a fold before the first word
+            words.erase(0, 4);
+        value += words + " " + std::string(address.substr(open));
+    }
+    return true;
+}
+
+// The five chains of the message; a field left out has none.
+struct Fields {
+    std::array<std::string, 5> text;     // to, from, cc, bcc, subject
+    std::array<bool, 5> given{};
+    std::string charset;
+    std::array<mime_hdr_field, 5> element{};
+    mime_address_lists lists{};
+
+    bool build(std::string &error) {
+        for (std::size_t i = 0; i < 5; ++i) {
+            if (!given[i])
+                continue;
+            int32_t encoding = MIME_ENC_PLAIN;
+            if (i == 4) {
+                // A subject that is not ASCII is one element of encoded words.
+                if (!is_ascii(text[i]))
+                    encoding = MIME_ENC_BASE64;
+            } else {
+                std::string value;
+                if (!address_value(text[i], charset, value, error))
+                    return false;
+                text[i] = std::move(value);
+            }
+            element[i] = {text[i].data(), charset.data(), encoding, nullptr};
+        }
+        auto head = [&](std::size_t i) { return given[i] ? &element[i] : nullptr; };
+        lists = {head(0), head(1), head(2), head(3), head(4)};
+        return true;
+    }
+};
 
 // Clean files go as they are; others in Base64. Text that is not ASCII is
 // taken to be UTF-8.
@@ -247,96 +385,149 @@ bool take_attachments(std::vector<std::string> &args, const std::vector<Option> 
     return true;
 }
 
+
 int run_compose(const std::vector<std::string> &args);
 
 const Command kCompose{
     "compose",
     "compose --from A --to B --subject S --text FILE -o OUT [--cc C] [--bcc D] [--date DATE]"
-    " [--attach FILE]... | [--html FILE]",
-    "write a text message, with attachments (multipart/mixed) or with an HTML version "
-    "(multipart/alternative); files that are not plain ASCII text go in Base64; an "
-    "existing OUT is appended to",
+    " [--charset CS] [--attach FILE]... [--html FILE | --plain]",
+    "write a text message, with an HTML version (multipart/alternative) and attachments "
+    "(multipart/mixed); files that are not plain ASCII text go in Base64; a subject or a "
+    "display name that is not ASCII is written as encoded words in --charset (utf-8 by "
+    "default); an existing OUT is appended to; --plain writes a message without MIME "
+    "headers, each attachment uuencoded under its own name",
     run_compose};
 Registration registration(kCompose);
 
+Part text_part(const std::string &path, const FileNature &nature, const char *subtype) {
+    Part part;
+    part.path = path;
+    part.type = "text";
+    part.subtype = subtype;
+    choose_encoding(nature, true, part.charset, part.encoding);
+    return part;
+}
+
+Part closing() {
+    Part part;
+    part.close = true;
+    return part;
+}
+
+Part multipart(const char *subtype) {
+    Part part;
+    part.type = "multipart";
+    part.subtype = subtype;
+    return part;
+}
+
+// The top part and the answers of the loop: the text, or an alternative of
+// text and HTML, followed by the attachments in a mixed multipart.
+bool plan(Job &job, const std::string &text, const std::string &html,
+          const std::vector<std::string> &attachments, std::string &error) {
+    const FileNature text_nature = inspect(text);
+    if (!text_nature.readable) {
+        error = "cannot read " + text;
+        return false;
+    }
+    std::vector<Part> body{text_part(text, text_nature, "plain")};
+    if (!html.empty()) {
+        const FileNature nature = inspect(html);
+        if (!nature.readable) {
+            error = "cannot read " + html;
+            return false;
+        }
+        body = {multipart("alternative"), body[0], text_part(html, nature, "html"), closing()};
+    }
+    std::vector<Part> rest;
+    for (const std::string &path : attachments) {
+        const FileNature nature = inspect(path);
+        if (!nature.readable) {
+            error = "cannot read " + path;
+            return false;
+        }
+        rest.push_back(attachment(path, nature));
+    }
+    if (rest.empty()) {
+        // One part on top: a text, or the alternative with its own parts.
+        job.top = body[0];
+        job.steps.assign(body.begin() + 1, body.end());
+        return true;
+    }
+    job.top = multipart("mixed");
+    job.steps = body;
+    job.steps.insert(job.steps.end(), rest.begin(), rest.end());
+    job.steps.push_back(closing());
+    return true;
+}
+
 int run_compose(const std::vector<std::string> &arguments) {
-    std::string from, to, subject, cc, bcc, text, out, date, html;
-    bool has_from = false, has_to = false, has_date = false, has_html = false;
+    std::string text, out, date, html;
+    Fields fields;
+    fields.charset = "utf-8";
+    bool has_date = false, has_html = false;
     std::string error;
-    const std::vector<Option> options{{"--from", &from, &has_from},
-                                      {"--to", &to, &has_to},
-                                      {"--subject", &subject},
-                                      {"--cc", &cc},
-                                      {"--bcc", &bcc},
+    const std::vector<Option> options{{"--to", &fields.text[0], &fields.given[0]},
+                                      {"--from", &fields.text[1], &fields.given[1]},
+                                      {"--cc", &fields.text[2], &fields.given[2]},
+                                      {"--bcc", &fields.text[3], &fields.given[3]},
+                                      {"--subject", &fields.text[4], &fields.given[4]},
                                       {"--text", &text},
                                       {"-o", &out},
                                       {"--output", &out},
                                       {"--date", &date, &has_date},
-                                      {"--html", &html, &has_html}};
+                                      {"--html", &html, &has_html},
+                                      {"--charset", &fields.charset}};
     std::vector<std::string> args = arguments;
+    const auto plain_flag = std::remove(args.begin(), args.end(), std::string("--plain"));
+    const bool plain = plain_flag != args.end();
+    args.erase(plain_flag, args.end());
     std::vector<std::string> attachments;
     if (!take_attachments(args, options, attachments, error) ||
         !parse_options(args, options, nullptr, error))
         return usage_error(kCompose, error);
     if (text.empty() || out.empty())
         return usage_error(kCompose, "--text and -o are required");
-    // The library writes the text itself as the first part of a multipart,
-    // so an alternative of text and HTML cannot also be the first part of
-    // a mixed message.
-    if (has_html && !attachments.empty())
-        return usage_error(kCompose, "--html and --attach cannot be combined");
+    if (plain && has_html)
+        return usage_error(kCompose, "--plain and --html exclude each other");
     if (has_html && html.empty())
         return usage_error(kCompose, "--html needs a file");
     if (has_date && date.empty())
         return usage_error(kCompose, "--date needs a text");
+    if (fields.charset.empty() || fields.charset.size() > 40 || !is_ascii(fields.charset))
+        return usage_error(kCompose, "--charset needs a charset name");
+    // Empty subject, cc and bcc give no line, as they always did.
+    for (std::size_t i = 2; i < 5; ++i)
+        fields.given[i] = fields.given[i] && !fields.text[i].empty();
+    if (!fields.build(error))
+        return usage_error(kCompose, error);
 
-    std::ifstream body(text, std::ios::binary);
-    if (!body)
-        return failure("cannot read " + text);
     Job job;
-    job.text = &body;
-    mime_part_info top{};
-    const bool multipart = has_html || !attachments.empty();
-    if (has_html) {
-        const FileNature nature = inspect(html);
-        if (!nature.readable)
-            return failure("cannot read " + html);
-        Part part;
-        part.path = html;
-        part.type = "text";
-        part.subtype = "html";
-        choose_encoding(nature, true, part.charset, part.encoding);
-        job.parts.push_back(part);
-        put(top.content_subtype, "alternative");
+    if (!plan(job, text, html, attachments, error))
+        return failure(error);
+    if (plain) {
+        // The text first, then every attachment uuencoded under its own name.
+        job.plain = true;
+        job.steps.erase(std::remove_if(job.steps.begin(), job.steps.end(),
+                                       [](const Part &p) { return p.close || p.type == "multipart"; }),
+                        job.steps.end());
+        if (!attachments.empty())
+            job.top = job.steps.front(), job.steps.erase(job.steps.begin());
+        for (Part &part : job.steps)
+            part.encoding = "uuencode";
     }
-    for (const std::string &path : attachments) {
-        const FileNature nature = inspect(path);
-        if (!nature.readable)
-            return failure("cannot read " + path);
-        job.parts.push_back(attachment(path, nature));
-        put(top.content_subtype, "mixed");
-    }
-    if (multipart) {
-        // The text part takes charset and encoding from the top record.
-        std::string charset, encoding;
-        choose_encoding(inspect(text), true, charset, encoding);
-        put(top.content_type, "multipart");
-        put(top.charset, charset);
-        put(top.encoding, encoding);
-    }
-
     if (has_date)
         mime_options(MIME_OPT_SET_DATE, reinterpret_cast<intptr_t>(date.c_str()), 0);
-    g_job = &job;
-    const int32_t result = create_message(
-        has_to ? to.c_str() : nullptr, has_from ? from.c_str() : nullptr, subject.c_str(),
-        cc.c_str(), bcc.c_str(), multipart ? &top : nullptr, out.c_str(),
-        multipart ? next_part : nullptr, body_from_file, nullptr, nullptr, 1, 0);
-    g_job = nullptr;
+    const int32_t mime = plain ? 0 : 1;
+    const int32_t result = create_ex_message(&fields.lists, out.c_str(), nullptr, next_part,
+                                             body_from_file, mime, 0,
+                                             reinterpret_cast<intptr_t>(&job));
     if (has_date)
         mime_options(MIME_OPT_CLEAR_DATE, 0, 0);
-    if (result != 1)
-        return failure("could not write the message to " + out);
+    if (result != MIME_OK)
+        return failure("could not write the message to " + out + " (status " +
+                       std::to_string(result) + ")");
     return kOk;
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "frame/frame.h"
 
@@ -138,6 +139,18 @@ int32_t mime_write_embedded(ComposeContext &ctx);
 // A message without MIME headers. 1 or a negative status.
 int32_t mime_compose_plain(const ComposeFields &fields, ComposeContext &ctx,
                            std::string_view extra_text, bool newsgroups);
+// Its steps. Extra header text from the callback into `file`, counting its
+// lines: 1, -3 or -5.
+int32_t mime_write_extra_header(File &file, mime_extra_header_cb extra_header_cb,
+                                int32_t *line_count);
+// Asks for every attachment and writes one whole record per attachment to
+// `record_file`; bytes go to numbered work files of `directory`, whose
+// guards land in `byte_files`. 1 or a negative status.
+int32_t mime_collect_attachments(std::vector<TempFile> &byte_files, File &record_file,
+                                 const std::string &directory, const ComposeCallbacks &callbacks);
+// Appends header, a blank line and body to the message file: 1 or -3.
+int32_t mime_join_files(const std::string &target_path, const std::string &header_path,
+                        const std::string &body_path, bool no_follow = false);
 // A BinHex body. 1 or a negative status.
 int32_t mime_write_binhex_body(const ComposeContext &ctx, const std::string &temp_path,
                                const binhex_info &info);

@@ -5,11 +5,13 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "frame/frame.h"
 
@@ -52,6 +54,10 @@ public:
     // As mime_next_header_file.
     bool create_header(const std::string &directory, unsigned long first, std::string &path,
                        File &file);
+    // The lowest number from 1 that no entry has as its whole stem, with
+    // any extension or none; nothing is created. 0 when the directory
+    // cannot be read.
+    unsigned long lowest_free(const std::string &directory);
     // What became of a file of the directory.
     void renamed(std::string_view from_path, std::string_view to_path);
     void removed(std::string_view path);
@@ -122,10 +128,185 @@ int32_t mime_walk_parts(Stream &stream, ExtractContext &ctx, char (&boundary)[kB
 
 // A message without MIME headers. 1 or 0.
 int32_t mime_extract_plain(const std::string &message_path, ExtractContext &ctx);
+// Its scan for uuencoded blocks behind the header, on the open message:
+// 1 when the text ahead of a first block was reported, else 0.
+int32_t mime_scan_uuencode(Stream &message, ExtractContext &ctx);
+
+// True for the names the extractions work with in a target directory
+// ("temp.c", "part.idx", "MESSAGE.$$$" ...), which no part may take.
+bool mime_is_reserved_name(std::string_view name);
+
+// ---- Messages without MIME headers: rules both extractions share -------------------
+
+class BodyWriter;
+inline constexpr const char *kPlainTextFile = "MESSAGE.$$$";
+
+// One line of such a message: at most 1023 bytes a read, NUL bytes kept.
+struct PlainLine {
+    char text[1024] = {};
+    std::size_t length = 0;
+    bool read(Stream &in); // false at the end
+};
+
+struct PlainItem {
+    int32_t count = 0;
+    bool uuencoded = false;
+    bool base64 = false;
+};
+
+// The value of an Encoding header line ("1 Text, 5 UUEncode") and where
+// the next item of it starts.
+class EncodingItems {
+public:
+    // Keeps the value of the line (a later line replaces it) and starts
+    // over at its first item. True when that item is a text of some lines.
+    bool take_header_line(const char *line);
+    bool seen() const { return seen_; }
+    bool exhausted() const;
+    PlainItem next();
+
+private:
+    static constexpr std::size_t kWordSize = 256;
+    char value_[1024] = {};
+    std::size_t offset_ = 0;
+    bool seen_ = false;
+};
+
+// Copies the `count` lines of one item, the line in hand first, until the
+// count runs out or the input ends; `count` is what is left of it. Lines of
+// a uuencoded item in front of its "begin" line are counted, not copied.
+// False when a write failed.
+bool mime_copy_item(Stream &in, PlainLine &line, int32_t &count, bool uuencoded, BodyWriter &out);
+
+// A line that opens a uuencoded block where nothing announced one.
+bool mime_starts_uu_block(const PlainLine &line);
+// Copies a block from its begin line in hand through the first line that
+// begins with "end" in any case, or to the end of the input. False when a
+// write failed.
+bool mime_copy_uu_block(Stream &in, PlainLine &line, BodyWriter &out);
+
+// One piece into a new numbered file of `directory` (.UUE when
+// `uuencoded`): the item of `*count` lines, or with a null `count` the
+// block whose begin line is in hand. A file whose write failed is gone.
+enum class PieceFile { Written, NotMade, WriteFailed };
+PieceFile mime_write_piece(Stream &in, PlainLine &line, const std::string &directory,
+                           NumberedNames &names, bool uuencoded, int32_t *count,
+                           std::string &path);
+
+// Decodes the raw block at `path` (a numbered .UUE file in the directory
+// of `directory_length` bytes) into its .ATF twin and names that after the
+// begin line, confined to the directory; a name that is taken leaves the
+// .ATF name. `path` follows the file. `name` gets the begin line's name as
+// given. False, with the .UUE file and an empty name left, when it does not
+// decode.
+inline constexpr std::size_t kUuNameSize = 256;
+bool mime_decode_uu_file(std::string &path, std::size_t directory_length,
+                         char (&name)[kUuNameSize], NumberedNames &names);
 
 // One fragment of a message/partial set, to be kept until the set is
 // complete. 1, 0, or MIME_FRAGMENT_STORED.
 int32_t mime_store_fragment(const std::string &message_path, ExtractContext &ctx);
+
+// ---- Fragment sets: "part.idx" and the fragment files ---------------------------------
+//
+// Both extractions keep the open message/partial sets of a directory in
+// "part.idx": 92-byte records back to back, one per open set, integers
+// 32-bit little-endian. Each fragment is kept whole as `%8.8lu.%d` (set,
+// fragment number) until its set is joined.
+
+class BodyWriter;
+
+inline constexpr const char *kFragmentIndex = "part.idx";
+inline constexpr const char *kFragmentIndexNext = "part.id$";
+inline constexpr const char *kFragmentWorkFile = "tmp.c";
+inline constexpr std::size_t kFragmentRecordSize = 92;
+inline constexpr std::size_t kFragmentIdWidth = 80;
+// Longest id kept; a longer one is cut alike for storing and comparing.
+inline constexpr std::size_t kFragmentIdLength = kFragmentIdWidth - 1;
+
+// One record of "part.idx" in memory.
+struct mime_fragment_entry {
+    char id[kFragmentIdWidth] = {}; // read within its width: a corrupt one may lack its NUL
+    uint32_t received = 0;          // fragments stored, repeats included
+    uint32_t total = 0;             // 0 while unknown
+    uint32_t set_number = 0;        // stem of the set's fragment files
+};
+
+// A fragment as its header told it.
+struct FragmentArrival {
+    std::string_view id;
+    int32_t number = 0;
+    int32_t total = 0;
+};
+
+// What storing one fragment came to.
+struct FragmentStoreResult {
+    int32_t status = 0;        // 0: failed; else 1, or the join's result (see joined_last)
+    bool index_failed = false; // the index could not be locked, read or written
+    bool completed = false;    // the fragment completed a set and its join was tried
+    bool joined_last = false;  // no record stood behind the joined set's
+};
+
+// Joins a complete set; 0 on failure. Called with the index locked, before
+// the new index replaces the old.
+using FragmentJoin = std::function<int32_t(const mime_fragment_entry &)>;
+
+// Stores the fragment at `message_path` in `directory` (closing '/'),
+// counts it in "part.idx" and joins its set with `join` once complete. The
+// new index replaces the old in one step only when the status is not 0, so
+// a failure, or a process killed at any point, leaves the old index whole.
+FragmentStoreResult mime_store_fragment_entry(const std::string &directory,
+                                              const std::string &message_path,
+                                              const FragmentArrival &fragment,
+                                              const FragmentJoin &join);
+
+// The open sets of a directory as "part.idx" lists them (read unlocked).
+std::vector<mime_fragment_entry> mime_read_fragment_index(const std::string &directory);
+
+// The id of a record, within its width and cut as ids are compared.
+std::string_view mime_fragment_id(const mime_fragment_entry &entry);
+
+// Copies the fragment message at `source_path` to the fragment file of
+// `set_number` and `fragment_number`, replacing any such file without
+// following a link planted there. 1 or 0.
+int32_t mime_copy_fragment_file(const std::string &directory, const std::string &source_path,
+                                uint32_t set_number, int32_t fragment_number);
+
+// The number for a new set: the lowest that no entry has as its stem. 0
+// when the directory cannot be read.
+uint32_t mime_next_fragment_set(const std::string &directory);
+
+std::string mime_fragment_path(const std::string &directory, uint32_t set_number,
+                               uint32_t fragment_number);
+
+// The fragment numbers from 1 to the set's total that are on disk, in
+// order, from one directory scan: a corrupt total never makes a loop.
+std::vector<uint32_t> mime_fragment_numbers(const std::string &directory,
+                                            const mime_fragment_entry &entry);
+
+// Removes the fragment files of a set, numbers 1 to its total.
+void mime_remove_fragments(const std::string &directory, const mime_fragment_entry &entry);
+
+// Copies the header of a set's first fragment to `out`, leaving out its
+// message/partial Content-Type (with its continuation lines),
+// Content-Transfer-Encoding and Mime-Version. False when a write failed.
+bool mime_copy_outer_header(Stream &fragment, BodyWriter &out);
+
+// Copies the rest of a fragment as it stands, blank lines ahead of it
+// dropped, and flushes. False when a write failed.
+bool mime_copy_fragment_body(Stream &fragment, BodyWriter &out);
+
+// Reads past the header of a later fragment, to the line behind the blank
+// line that ends it.
+void mime_skip_fragment_header(Stream &fragment);
+
+// Joins a complete set into the context's directory as extract_message
+// leaves a message there, and reports its files. 1 or 0.
+int32_t mime_join_fragments(ExtractContext &ctx, const mime_fragment_entry &entry);
+
+// Called right before a new "part.idx" replaces the old one; tests set it
+// to end a process at the most delicate moment.
+inline void (*mime_fragment_index_hook)() = nullptr;
 
 // ---- Helpers of the extraction roads ----------------------------------------------
 

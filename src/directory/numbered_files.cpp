@@ -135,6 +135,16 @@ std::optional<unsigned long> NumberedNames::create(const std::string &directory,
     return std::nullopt;
 }
 
+unsigned long NumberedNames::lowest_free(const std::string &directory) {
+    if (!load(directory))
+        return 0;
+    unsigned long candidate = floor_[Any];
+    for (auto it = taken_.lower_bound(candidate);
+         it != taken_.end() && it->first == candidate && it->second.count[Any] > 0; ++it)
+        ++candidate;
+    return candidate;
+}
+
 unsigned long NumberedNames::create_numbered(const std::string &directory, bool want_uue,
                                              std::string &path, File &file) {
     return create(directory, want_uue ? AtfOrUue : Any, want_uue ? ".UUE" : ".TXT", 1, path, file)

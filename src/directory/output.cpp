@@ -42,6 +42,8 @@ bool rename_to(std::string &path, const std::string &target, NumberedNames *name
 
 } // namespace
 
+bool mime_is_reserved_name(std::string_view name) { return is_reserved(name); }
+
 BodyWriter::BodyWriter(File &file) : file_(file), block_(new char[kWriteBlock]) {}
 
 bool BodyWriter::write(const char *data, std::size_t length) {

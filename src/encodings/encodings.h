@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -36,5 +37,39 @@ int32_t uudecode_stream(Stream &in, const std::string &target_path, char *name_o
 // True (1) when the file holds a byte outside printable ASCII, TAB, CR and
 // LF; 0 otherwise, also when it cannot be opened.
 int32_t quoted_file_is_binary(const std::string &path);
+
+// ---- BinHex 4.0 --------------------------------------------------------------
+
+// Writes one BinHex block of the data fork and the resource fork (empty: none;
+// one that cannot be read counts as none) behind what `target_path` holds.
+// The block's name is the data path's last component; `info` gives type,
+// creator and flags. A fork of 4 GiB or more cannot be described: -3 and no
+// block. 1, -2 or -3.
+int32_t binhex_encode_file(const std::string &data_path, const std::string &resource_path,
+                           const std::string &target_path, const binhex_info &info,
+                           bool no_follow);
+
+// Where the BinHex decoder takes its lines from: `read_line` reads as fgets
+// does (up to size-1 bytes or through LF) and gives the count, 0 at the end.
+struct BinhexLineSource {
+    void *context;
+    std::size_t (*read_line)(void *context, char *buffer, std::size_t size);
+};
+
+// Decodes one BinHex block from the source's position: the data fork is
+// appended to `target_path`, the resource fork goes to a new "$$$" file in
+// the target's directory whose path `second_path` (1024 bytes, may be null)
+// receives; it is "" when there is no resource fork or the decoding failed,
+// and then no "$$$" file stays. `info` (may be null) is cleared and filled
+// from the header. Reads up to and including the line that ends in ':', or to
+// the end of the input; knows no boundary. 1 or 0.
+int32_t binhex_decode_lines(const BinhexLineSource &source, const std::string &target_path,
+                            char *second_path, binhex_info *info);
+// The same on the walkers' stream, which is left behind the last line read.
+int32_t binhex_decode_stream(Stream &stream, const std::string &target_path, char *second_path,
+                             binhex_info *info);
+// The same on a stdio stream, which is not closed.
+int32_t binhex_decode_stream(FILE *stream, const char *target_path, char *second_path,
+                             binhex_info *info);
 
 } // namespace tw

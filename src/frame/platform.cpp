@@ -109,6 +109,34 @@ File File::create_new(const std::string &path) {
     return file;
 }
 
+File File::open_or_create_locked(const std::string &path) {
+    if (path.empty() || !path_fits(path))
+        return File();
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return File();
+    File file(fd);
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || !take_lock(fd, true))
+        return File();
+    return file;
+}
+
+bool File::is_at(const std::string &path) const {
+    struct stat open_st {}, path_st {};
+    return fd_ >= 0 && ::fstat(fd_, &open_st) == 0 && ::lstat(path.c_str(), &path_st) == 0 &&
+           open_st.st_dev == path_st.st_dev && open_st.st_ino == path_st.st_ino;
+}
+
+bool File::sync_and_close() {
+    if (fd_ < 0)
+        return false;
+    const bool synced = ::fsync(fd_) == 0;
+    const bool closed = ::close(fd_) == 0;
+    fd_ = -1;
+    return synced && closed;
+}
+
 int File::release() {
     int fd = fd_;
     fd_ = -1;
@@ -294,6 +322,22 @@ int rename_no_replace(const std::string &from, const std::string &to) {
     if (path_exists(to))
         return EEXIST;
     return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+int replace_file(const std::string &from, const std::string &to) {
+    if (!path_fits(from) || !path_fits(to))
+        return ENAMETOOLONG;
+    return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+bool sync_directory(const std::string &directory) {
+    int fd = ::open(directory.empty() ? "." : directory.c_str(),
+                    O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool synced = ::fsync(fd) == 0;
+    ::close(fd);
+    return synced;
 }
 
 bool path_exists(const std::string &path) {

@@ -60,6 +60,17 @@ public:
     bool truncate(long long length);
     void close();
 
+    // Opens `path` for reading and writing with an exclusive lock, creating
+    // it empty if there is none; nothing is truncated. A symlink, or
+    // anything but a regular file, is refused.
+    static File open_or_create_locked(const std::string &path);
+    // True while `path` still names this open file: one replaced or removed
+    // since it was opened is not what the next opener finds.
+    bool is_at(const std::string &path) const;
+    // Flushes the file to stable storage, then closes it. False if either
+    // failed; the descriptor is closed in any case.
+    bool sync_and_close();
+
 private:
     explicit File(int fd) : fd_(fd) {}
     int fd_ = -1;
@@ -144,6 +155,13 @@ std::string make_temp_file(const std::string &directory);
 
 // Renames, but never replaces an existing target. 0 or an errno value.
 int rename_no_replace(const std::string &from, const std::string &to);
+
+// Renames over an existing target in one step, as rename(2): a reader
+// finds the old file or the new one, never neither. 0 or an errno value.
+int replace_file(const std::string &from, const std::string &to);
+
+// Flushes the entries of `directory` (renames, removals) to stable storage.
+bool sync_directory(const std::string &directory);
 
 bool path_exists(const std::string &path);
 bool remove_file(const std::string &path);

@@ -44,6 +44,10 @@ public:
     bool lost() const { return lost_; }
     std::string_view view() const { return text_; }
     const char *data() const { return text_.c_str(); }
+    // Writable, so that a caller can end the text with a NUL at an earlier
+    // length for a while (and put the byte back): the text only grows, so
+    // every earlier state of it is a prefix.
+    char *data() { return text_.data(); }
     std::size_t size() const { return text_.size(); }
 
 private:
@@ -135,6 +139,34 @@ int32_t mime_word_quoted_decode(std::string_view encoded, char *decoded, std::si
 // is left at the start of the next field. Always 1.
 int32_t mime_decode_field_value(Stream *stream, char *value, std::size_t value_size,
                                 HeaderText *header_text, mime_hdr_field **head);
+
+// ---- Encoded words, the other way ---------------------------------------------------
+
+// Encoded words of the Q form are lower-case "q", of the B form capital "B".
+// A text is cut into 41-byte pieces, each one word; words fold (with "\r\n  ")
+// before the column would pass 72; plain texts fold at 993 bytes. A charset
+// of more than kMaxWordCharset bytes does not fit the word buffer of the
+// record-based interface and is refused.
+inline constexpr std::size_t kWordChunk = 41;
+inline constexpr std::size_t kMaxWordCharset = 125;
+inline constexpr std::string_view kFoldText = "\r\n  ";
+
+// One encoded word for one chunk, replacing what `out` held. Always 1.
+int32_t mime_word_base64_encode(std::string_view chunk, std::string &out,
+                                std::string_view charset);
+int32_t mime_word_quoted_encode(std::string_view chunk, std::string &out,
+                                std::string_view charset);
+// Appends `text` as encoded words (`encoding` 3: Q, else B), folding by
+// `column`. 1 or -2.
+int32_t mime_encode_word_text(std::string_view text, std::string &buffer, std::string_view charset,
+                              int32_t encoding, int32_t &column);
+// Appends the value of a whole chain, with a column of its own that starts
+// at 0. 1, -2 when memory ran out, -1 (nothing appended) for a charset too
+// long for a word. Null texts and charsets read as empty.
+int32_t mime_encode_field_chain(const mime_hdr_field *field, std::string &buffer);
+// Appends one plain text folded in 993-byte stretches behind the last comma,
+// else semicolon, else blank of each; no column and no first-line rule.
+void mime_fold_plain_field(std::string_view text, std::string &out);
 
 // ---- Dates ---------------------------------------------------------------------------
 

@@ -16,9 +16,10 @@ bool is_blank_or_tab(char c) { return c == ' ' || c == '\t'; }
 // Longest boundary, its two leading hyphens included.
 constexpr std::size_t kBoundaryWork = 91;
 
-// Widths of the message/partial values: 3 digits of number, 9 of total, 99
-// bytes of id.
-constexpr std::size_t kPartNumberDigits = 3;
+// Widths of the message/partial values: 9 digits of number and of total,
+// 99 bytes of id. A number cut shorter than a total could become another
+// fragment's number.
+constexpr std::size_t kPartNumberDigits = 9;
 constexpr std::size_t kPartTotalDigits = 9;
 constexpr std::size_t kPartIdBytes = 99;
 

@@ -4,8 +4,29 @@
 #include <memory>
 
 #include "streaming/streaming.h"
+#include "streaming/summary.h"
 
 namespace tw {
+
+bool mime_take_content_field(Stream &stream, char *line, HeaderText &header_text,
+                             mime_part_desc &part) {
+    if (starts_with_nocase(line, "Content-Disposition")) {
+        if (part.filename[0] == '\0')
+            if (char *colon = std::strchr(line, ':'))
+                mime_read_parameters(&stream, colon + 1, &header_text, part);
+    } else if (starts_with_nocase(line, "Content-ID")) {
+        mime_header_value(line, part.content_id);
+    } else if (starts_with_nocase(line, "Content-Location")) {
+        mime_header_value(line, part.content_location);
+    } else if (starts_with_nocase(line, "Content-Base")) {
+        mime_header_value(line, part.content_base);
+    } else if (starts_with_nocase(line, "Content-Description")) {
+        mime_header_value(line, part.description);
+    } else {
+        return false;
+    }
+    return true;
+}
 
 namespace {
 
@@ -21,14 +42,7 @@ struct HeaderFacts {
     int32_t code = MIME_ENC_NONE;
 };
 
-// Seconds since 1970 as the record keeps them: most significant byte first.
-void store_big_endian(unsigned char (&out)[4], int32_t value) {
-    const uint32_t v = static_cast<uint32_t>(value);
-    out[0] = static_cast<unsigned char>(v >> 24);
-    out[1] = static_cast<unsigned char>(v >> 16);
-    out[2] = static_cast<unsigned char>(v >> 8);
-    out[3] = static_cast<unsigned char>(v);
-}
+} // namespace
 
 // The date of the first Received: header stands on one of its continuation
 // lines, behind a weekday; the first weekday found ends the search for good,
@@ -46,6 +60,8 @@ bool search_received_date(const char *line, mime_part_desc &part) {
     }
     return false;
 }
+
+namespace {
 
 class HeaderReader {
 public:
@@ -88,6 +104,8 @@ private:
             address_field(line, 5, &lists_.from);
         } else if (starts_with_nocase(line, "Subject:")) {
             address_field(line, 8, &lists_.subject);
+            if (call_.summary != nullptr)
+                summary_subject(lists_.subject, part);
         } else if (starts_with_nocase(line, "To:")) {
             address_field(line, 3, &lists_.to);
         } else if (starts_with_nocase(line, "Cc:")) {
@@ -100,20 +118,12 @@ private:
                                                  "uuencode"};
             if (facts.code >= MIME_ENC_BASE64 && facts.code <= MIME_ENC_UUENCODE)
                 copy_field(part.encoding, kNames[facts.code]);
-        } else if (starts_with_nocase(line, "Content-Disposition")) {
-            if (part.filename[0] == '\0')
-                if (char *colon = std::strchr(line, ':'))
-                    mime_read_parameters(&stream_, colon + 1, &call_.header_text, part);
-        } else if (starts_with_nocase(line, "Content-ID")) {
-            mime_header_value(line, part.content_id);
-        } else if (starts_with_nocase(line, "Content-Location")) {
-            mime_header_value(line, part.content_location);
-        } else if (starts_with_nocase(line, "Content-Base")) {
-            mime_header_value(line, part.content_base);
-        } else if (starts_with_nocase(line, "Content-Description")) {
-            mime_header_value(line, part.description);
+        } else if (mime_take_content_field(stream_, line, call_.header_text, part)) {
+            // a file name, an id, a location, a base or a description
         } else if (starts_with_nocase(line, "Content-type")) {
             content_type(line, facts);
+        } else if (call_.summary != nullptr && summary_take_line(*call_.summary, line, part)) {
+            // the summary's rows replace Received: counting and the weekday search
         } else if (starts_with_nocase(line, "Received:")) {
             ++received_count_;
         } else if ((line[0] == '\t' || line[0] == ' ') && received_count_ == 1 && !date_found_) {
@@ -128,6 +138,8 @@ private:
                                                   part.filename, &call_.header_text, &part);
         // The last Content-type line decides.
         facts.multipart = r == 1;
+        if (call_.summary != nullptr)
+            summary_content_type(part);
         facts.external_body = facts.rfc822 = false;
         if (r != 0 || !equals_nocase(field(part.content_type), "message"))
             return;
@@ -171,12 +183,13 @@ int32_t extract_body(Stream &stream, EndCall &call, HeaderFacts &facts, char *bo
     return mime_walk_multipart_body(stream, boundary, call);
 }
 
-int32_t run_end(int32_t *handle_pointer, mime_extract_session &session) {
+int32_t run_end(int32_t *handle_pointer, mime_extract_session &session, Summary *summary) {
     const std::string message_path = session.spool_path;
     Stream stream = Stream::open_read(message_path);
     if (!stream)
         return MIME_FILE_ERROR;
     EndCall call(session);
+    call.summary = summary;
     if (mime_file_is_mime(stream) == 0) {
         stream.close();
         return mime_stream_plain(call);
@@ -202,13 +215,15 @@ int32_t run_end(int32_t *handle_pointer, mime_extract_session &session) {
             stream.close();
             return mime_store_fragment_stream(handle_pointer, message_path, call);
         }
+        if (summary != nullptr)
+            summary_make_address(*summary, *part);
         if (session.address_cb(&lists.lists, session.user_value) == -1)
             status = MIME_STOPPED;
     }
     if (equals_nocase(field(part->content_type), "application") &&
         equals_nocase(field(part->content_subtype), "mac-binhex40")) {
         copy_field(part->encoding, "binhex");
-        facts.code = mime_binhex_decoder_ready() ? MIME_ENC_BINHEX : MIME_ENC_NONE;
+        facts.code = MIME_ENC_BINHEX;
     }
     if (status == MIME_OK && facts.code != MIME_ENC_BINHEX && call.tell_header() == -1)
         status = MIME_STOPPED;
@@ -221,11 +236,19 @@ int32_t run_end(int32_t *handle_pointer, mime_extract_session &session) {
 
 // The end call on a session already taken out of the handle table. The
 // session ends here on every way out; the spool goes if it is ours.
-int32_t mime_extract_end_session(int32_t *handle_pointer, SessionPtr session) {
-    int32_t status = guarded(MIME_ERROR, [&] { return run_end(handle_pointer, *session); },
-                             static_cast<int32_t>(MIME_NO_MEMORY));
+int32_t mime_extract_end_session(int32_t *handle_pointer, SessionPtr session, Summary *summary) {
+    int32_t status = guarded(
+        MIME_ERROR, [&] { return run_end(handle_pointer, *session, summary); },
+        static_cast<int32_t>(MIME_NO_MEMORY));
     mime_destroy_session(handle_pointer, std::move(session));
     return status;
+}
+
+// A joined fragment set, read from the start as a message of its own. The
+// outer end call still owns the session and ends it once, afterwards.
+int32_t mime_extract_end_nested(int32_t *handle_pointer, mime_extract_session &session) {
+    return guarded(MIME_ERROR, [&] { return run_end(handle_pointer, session, nullptr); },
+                   static_cast<int32_t>(MIME_NO_MEMORY));
 }
 
 } // namespace tw

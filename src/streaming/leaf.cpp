@@ -43,7 +43,7 @@ bool decode(int32_t code, const std::string &work, const std::string &target,
     }
     case MIME_ENC_BINHEX: {
         char second[1024] = {};
-        const bool ok = mime_binhex_decode_file(work, target, second, part.binhex_info);
+        const bool ok = ::binhex_dec(work.c_str(), target.c_str(), second, &part.binhex_info) == 1;
         second_path = second;
         return ok;
     }
@@ -88,8 +88,11 @@ int32_t mime_extract_leaf(Stream &stream, std::string &target_path, EndCall &cal
         return MIME_FILE_ERROR;
     // BinHex fills the record's file information while decoding, so the
     // application sees that header only now.
+    // A resource fork that is not handed out does not stay.
+    TempFile second_guard(second_path);
     if (code == MIME_ENC_BINHEX && call.tell_header() == -1)
         return MIME_STOPPED;
+    second_guard.keep(); // handed out from here on
     return mime_deliver_part(target_path, second_path, call.session, code);
 }
 

@@ -10,12 +10,19 @@
 
 namespace tw {
 
+struct Summary; // streaming/summary.h
+class NumberedNames; // directory/directory.h
+
 // What one end call shares between its steps.
 struct EndCall {
     mime_extract_session &session;
     std::string directory; // the session's, with its closing '/'
     HeaderText header_text{2000};
     mime_part_desc *part = nullptr; // the record handed to header_cb
+    // Set by the richer end call only: the header stage fills the summary
+    // fields, and a top-level related/alternative group is walked as any
+    // multipart.
+    Summary *summary = nullptr;
 
     explicit EndCall(mime_extract_session &s) : session(s), directory(s.directory) {}
 
@@ -37,6 +44,12 @@ int32_t mime_extract_leaf(Stream &stream, std::string &target_path, EndCall &cal
 int32_t mime_extract_sub_header(Stream &stream, char *boundary, std::size_t boundary_size,
                                 EndCall &call, int32_t *multipart_result);
 
+// The Content-Disposition (while no file name is known), Content-ID,
+// Content-Location, Content-Base and Content-Description lines of a header,
+// into `part`. False for any other line.
+bool mime_take_content_field(Stream &stream, char *line, HeaderText &header_text,
+                             mime_part_desc &part);
+
 // Hands a finished file (and a second fork, for BinHex) to body_cb in the
 // session's delivery mode. 1 or a negative status.
 int32_t mime_deliver_part(const std::string &path, const std::string &second_path,
@@ -55,23 +68,33 @@ void mime_name_part_file(std::string &path, std::size_t directory_length, const 
 
 // The end call on a session already out of the handle table; the session
 // ends here on every way out and `*handle_pointer` becomes 0.
-int32_t mime_extract_end_session(int32_t *handle_pointer, SessionPtr session);
+// With a `summary`, the richer end call.
+int32_t mime_extract_end_session(int32_t *handle_pointer, SessionPtr session,
+                                 Summary *summary = nullptr);
+
+// The date search of the first Received: header on a continuation line:
+// the first weekday found fills received_value and ends the search, whether
+// its date parses or not. True when the search is over.
+bool search_received_date(const char *line, mime_part_desc &part);
+
+// The plain end call on the session's current spool, nested inside an end
+// call that goes on owning the session: it does not destroy it. Status.
+int32_t mime_extract_end_nested(int32_t *handle_pointer, mime_extract_session &session);
 
 // ---- Roads of the end call that their own modules build --------------------------
 
-// A message without MIME headers. Status, or 1.
+// A message without MIME headers. Status, or 1. With `call.summary` set
+// its header stage fills the summary as well.
 int32_t mime_stream_plain(EndCall &call);
+// Its scan for uuencoded blocks in a body without an Encoding line, the
+// text in front of the first block going to `work`. 1 when a block was
+// found, else 0 with `work` undelivered.
+int32_t mime_stream_plain_uu(TempFile &work, EndCall &call, Stream &stream, NumberedNames &names);
 // A message/partial fragment: stored, and the set joined when complete.
 int32_t mime_store_fragment_stream(int32_t *handle_pointer, const std::string &message_path,
                                    EndCall &call);
 // The body of a multipart message, from behind its header. Closes the
 // stream. 1 or a negative status.
 int32_t mime_walk_multipart_body(Stream &stream, const char *boundary, EndCall &call);
-// True once BinHex bodies are decoded; until then they pass undecoded.
-bool mime_binhex_decoder_ready();
-// Decodes a BinHex file; `second_path` (1024 bytes) gets the resource fork's
-// path or stays empty. True on success.
-bool mime_binhex_decode_file(const std::string &source, const std::string &target,
-                             char *second_path, binhex_info &info);
 
 } // namespace tw

@@ -77,10 +77,8 @@ TEST_F(ExtractTest, WhatEachMessageLeaves) {
          {{"00000001.HDR", crlf(mixed + "\n") + "hi"}}, {{"00000001.HDR", 1, 0}}},
         {"end of file inside the header", mixed, 1, {{"00000001.HDR", crlf(mixed + "\n")}},
          {{"00000001.HDR", 1, 0}}},
-        {"not MIME: refused for now", "From: a\n\nhello\n", 0, {}, {}},
-        {"message/partial: refused for now",
-         kVersion + "Content-Type: message/partial; id=\"x\"; number=1; total=2\n\nhi\n", 0, {},
-         {}},
+        {"not MIME: the text file", "From: a\n\nhello\n", 1,
+         {{"MESSAGE.$$$", crlf("From: a\n\nhello\n")}}, {{"MESSAGE.$$$", 0, 0}}},
     };
     int n = 0;
     for (const auto &row : rows) {
@@ -281,7 +279,7 @@ TEST_F(ExtractXTest, SinkStopAndRefusalLeaveNoWorkFile) {
         EXPECT_EQ(g_reported.size(), stop_at + 1) << "nothing is reported after the stop";
         EXPECT_EQ(work_files(), std::vector<std::string>{});
     }
-    EXPECT_EQ(feed(crlf("From: a\n\nnot MIME\n"), 4096), 0);
+    EXPECT_EQ(feed(crlf("From: a\n\nnot MIME\n"), 4096), 1);
     EXPECT_EQ(extract_message_x(nullptr, 0, record_file, record_bytes), 0) << "nothing spooled";
     EXPECT_EQ(work_files(), std::vector<std::string>{});
 }

@@ -1,5 +1,4 @@
-// mime_options and the run state it reports from. The state is one per
-// process: what a test sets goes back to its value at load.
+// The run state is one per process: what a test sets goes back to its value at load.
 #include <ctime>
 
 #include "frame/frame.h"

@@ -1,5 +1,3 @@
-// The platform layer: opens and their locks, temporary files, the rename
-// that never replaces, and the directories the library works in.
 #include <cerrno>
 #include <filesystem>
 #include <optional>

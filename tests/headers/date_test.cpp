@@ -1,4 +1,3 @@
-// Dates of Date: and Received: lines, read as UTC plus the zone.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -1,4 +1,3 @@
-// The encoded-word decoder and its chains of elements.
 #include <string>
 #include <tuple>
 

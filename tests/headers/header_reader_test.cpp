@@ -1,4 +1,3 @@
-// The header line readers: MIME test, Content-type, transfer encoding, values.
 #include <algorithm>
 #include <cstring>
 #include <string>

@@ -48,6 +48,8 @@ def run_extract(message, directory):
     for line in lines:
         if line.startswith(b"result "):
             result = int(line.split()[1])
+        elif line.startswith((b"fragment stored: ", b"set ")):
+            continue  # what the command says of message/partial sets
         elif line:
             level, ctype, path = line.split(b" ", 2)
             reports.append((int(level), int(ctype), os.fsdecode(path)))

@@ -177,14 +177,14 @@ TEST_F(EndTest, MessagesEndToEnd) {
          [](const Recorder &r) {
              EXPECT_NE(r.headers.at(1).find("Subject: inner"), std::string::npos);
          }},
-        // Not taken apart yet: multipart and BinHex bodies go undecoded, and a
-        // message without MIME headers gets no callback at all.
+        // A multipart is walked part by part and a BinHex body is decoded,
+        // here a banner without a block to an empty file, its header told
+        // after the decoding (the walkers' and codec's own tests go further).
         {mime + crlf("multipart/mixed; boundary=\"b\"\n\n") + parts, 1,
-         "address,multipart/mixed,path,", "00000001.TXT", parts.c_str()},
+         "address,multipart/mixed,text/plain,path,", "00000001.TXT", "x\r\n"},
         {mime + crlf("application/mac-binhex40\n\n") + binhex, 1,
-         "address,application/mac-binhex40,path,", "00000001.TXT", binhex.c_str(), {},
+         "address,application/mac-binhex40,path,", "00000001.TXT", "", {},
          [](const Recorder &r) { EXPECT_STREQ(r.records.at(0).encoding, "binhex"); }},
-        {crlf("From: a\nSubject: no MIME here\n\nbody\n"), MIME_ERROR, ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.events + std::string(" ") + c.file);
