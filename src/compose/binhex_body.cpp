@@ -10,8 +10,6 @@ namespace tw {
 
 namespace {
 
-constexpr int32_t kBodyChunk = 8126;
-
 // How the forks come: the first answer decides for both series.
 enum class Form { Open, Bytes, Name };
 
@@ -22,26 +20,22 @@ enum class Form { Open, Bytes, Name };
 int32_t take_series(const ComposeContext &ctx, char *chunk, File *sink, Form &form,
                     std::string &name) {
     for (;;) {
-        int32_t is_file = 0;
-        const int32_t answer = ctx.callbacks.call_body(chunk, kBodyChunk, &is_file);
-        if (answer == 0)
+        BodyPiece piece = mime_next_body_piece(ctx.callbacks, chunk);
+        if (piece.end)
             return MIME_OK;
-        if (answer < 0)
-            return MIME_STOPPED;
-        if (answer > kBodyChunk)
-            return MIME_FILE_ERROR;
-        const Form this_form = is_file != 0 ? Form::Name : Form::Bytes;
+        if (piece.status != MIME_OK && !piece.is_file)
+            return piece.status;
+        const Form this_form = piece.is_file ? Form::Name : Form::Bytes;
         if (form != Form::Open && form != this_form)
             return MIME_ENCODER_ERROR;
         form = this_form;
-        if (is_file != 0) {
-            name.assign(chunk, static_cast<std::size_t>(answer));
-            name.resize(std::char_traits<char>::length(name.c_str()));
-            return path_fits(name) ? MIME_OK : MIME_FILE_ERROR;
+        if (piece.is_file) {
+            name = std::move(piece.name);
+            return piece.status;
         }
         if (sink == nullptr)
             return MIME_ENCODER_ERROR;
-        if (!sink->write_all(chunk, static_cast<std::size_t>(answer)))
+        if (!sink->write_all(piece.bytes.data(), piece.bytes.size()))
             return MIME_FILE_ERROR;
     }
 }

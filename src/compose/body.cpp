@@ -8,7 +8,6 @@ namespace tw {
 
 namespace {
 
-constexpr int32_t kBodyChunk = 8126;
 
 int32_t encode_into_message(int32_t code, const std::string &source, const std::string &target) {
     int32_t result = code == MIME_ENC_BASE64 ? ::base64_encode(source.c_str(), target.c_str())
@@ -17,6 +16,28 @@ int32_t encode_into_message(int32_t code, const std::string &source, const std::
 }
 
 } // namespace
+
+BodyPiece mime_next_body_piece(const ComposeCallbacks &callbacks, char *chunk) {
+    BodyPiece piece;
+    int32_t is_file = 0;
+    const int32_t answer = callbacks.call_body(chunk, kBodyChunk, &is_file);
+    if (answer == 0) {
+        piece.end = true;
+    } else if (answer < 0) {
+        // -1 is the stop; any other negative count is no count at all.
+        piece.status = MIME_STOPPED;
+    } else if (answer > kBodyChunk) {
+        piece.status = MIME_FILE_ERROR;
+    } else if (is_file != 0) {
+        piece.is_file = true;
+        piece.name.assign(chunk, strnlen(chunk, static_cast<std::size_t>(answer)));
+        if (!path_fits(piece.name))
+            piece.status = MIME_FILE_ERROR;
+    } else {
+        piece.bytes = std::string_view(chunk, static_cast<std::size_t>(answer));
+    }
+    return piece;
+}
 
 int32_t mime_write_body(const ComposeContext &ctx, const std::string &temp_path, int32_t code,
                         bool encode) {
@@ -33,27 +54,13 @@ int32_t mime_write_body(const ComposeContext &ctx, const std::string &temp_path,
         message.seek_end();
         File &sink = encode ? temp : message;
         for (;;) {
-            int32_t is_file = 0;
-            int32_t answer = ctx.callbacks.call_body(chunk.get(), kBodyChunk, &is_file);
-            if (answer == 0)
-                break;
-            if (answer < 0) {
-                // -1 is the stop; any other negative count is no count at all.
-                status = MIME_STOPPED;
+            BodyPiece piece = mime_next_body_piece(ctx.callbacks, chunk.get());
+            if (piece.done() || piece.is_file) {
+                status = piece.status;
+                named_file = std::move(piece.name);
                 break;
             }
-            if (answer > kBodyChunk) {
-                status = MIME_FILE_ERROR;
-                break;
-            }
-            if (is_file != 0) {
-                named_file.assign(chunk.get(), static_cast<std::size_t>(answer));
-                named_file.resize(std::char_traits<char>::length(named_file.c_str()));
-                if (!path_fits(named_file))
-                    status = MIME_FILE_ERROR;
-                break;
-            }
-            if (!sink.write_all(chunk.get(), static_cast<std::size_t>(answer))) {
+            if (!sink.write_all(piece.bytes.data(), piece.bytes.size())) {
                 status = MIME_FILE_ERROR;
                 break;
             }

@@ -46,6 +46,24 @@ struct ComposeCallbacks {
     }
 };
 
+// body_cb fills chunks of this size.
+inline constexpr int32_t kBodyChunk = 8126;
+
+// One answer of body_cb. `status` MIME_OK with `end` set closes the series;
+// a stop gives MIME_STOPPED, a count beyond the chunk (no count at all)
+// MIME_FILE_ERROR. A file name is taken up to its first NUL and refused with
+// MIME_FILE_ERROR when it is too long for a path.
+struct BodyPiece {
+    int32_t status = MIME_OK;
+    bool end = false;
+    bool is_file = false;
+    std::string_view bytes; // in the chunk
+    std::string name;
+
+    bool done() const { return status != MIME_OK || end; }
+};
+BodyPiece mime_next_body_piece(const ComposeCallbacks &callbacks, char *chunk);
+
 // What next_part_cb fills, made once for one loop and zero-filled then: the
 // application may rely on what its last answer left in a record. The short
 // block is create_message's, the full record and the extra header text are

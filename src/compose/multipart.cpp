@@ -10,7 +10,6 @@ namespace tw {
 
 namespace {
 
-constexpr int32_t kBodyChunk = 8126;
 
 static_assert(kDeepestLevel <
                   static_cast<int32_t>(std::tuple_size_v<decltype(ComposeContext::boundary_stack)>),
@@ -51,24 +50,16 @@ int32_t write_raw_part(const ComposeContext &ctx, Message &message, char *chunk)
     if (!message.write("\r\n\r\n"))
         return MIME_FILE_ERROR;
     for (;;) {
-        int32_t is_file = 0;
-        const int32_t answer = ctx.callbacks.call_body(chunk, kBodyChunk, &is_file);
-        if (answer == 0)
-            return MIME_OK;
-        if (answer < 0)
-            return MIME_STOPPED;
-        if (answer > kBodyChunk)
-            return MIME_FILE_ERROR; // more than the buffer holds is no count at all
-        if (is_file != 0) {
-            const std::string name(chunk, strnlen(chunk, static_cast<std::size_t>(answer)));
-            if (!path_fits(name))
-                return MIME_FILE_ERROR;
+        const BodyPiece piece = mime_next_body_piece(ctx.callbacks, chunk);
+        if (piece.done())
+            return piece.status;
+        if (piece.is_file) {
             message.close();
-            if (mime_append_file(name, ctx.message_path, 0) == 0 || !message.open())
+            if (mime_append_file(piece.name, ctx.message_path, 0) == 0 || !message.open())
                 return MIME_FILE_ERROR;
             return MIME_OK;
         }
-        if (!message.file().write_all(chunk, static_cast<std::size_t>(answer)))
+        if (!message.file().write_all(piece.bytes.data(), piece.bytes.size()))
             return MIME_FILE_ERROR;
     }
 }

@@ -261,13 +261,7 @@ int32_t mime_extract_file(const std::string &message_path, ExtractContext &ctx) 
 
     char *line = road.line;
     bool started = false;
-    while (road.message.read_line(line, sizeof road.line) > 0) {
-        if (is_blank_line(line)) {
-            if (started)
-                break;
-            continue; // blank lines ahead of the header
-        }
-        started = true;
+    while (mime_read_header_line(road.message, line, sizeof road.line, started) > 0) {
         if (!road.header.write_all(line, std::strlen(line)))
             return 0;
         if (starts_with_nocase(line, "Content-Transfer-Encoding")) {

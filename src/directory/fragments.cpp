@@ -43,22 +43,6 @@ File open_output(const std::string &path) {
     return output;
 }
 
-// The next line of a header block: blank lines ahead of it are skipped,
-// a blank line behind its first line or the end of the file ends it. The
-// line's length, or 0 at the end of the block.
-std::size_t read_header_line(Stream &stream, char (&line)[kHeaderLine], bool &started) {
-    std::size_t length;
-    while ((length = stream.read_line(line, sizeof line)) > 0) {
-        if (!is_blank_line(line)) {
-            started = true;
-            return length;
-        }
-        if (started)
-            return 0;
-    }
-    return 0;
-}
-
 Stream open_fragment(const std::string &path) {
     return Stream::adopt(File::open(path, OpenMode::ReadShared, true), "rb");
 }
@@ -100,7 +84,7 @@ bool read_inner_header(Stream &fragment, File &header, int32_t &encoding, bool &
     char boundary[kBoundarySize] = {};
     bool started = false, written = true;
     std::size_t length;
-    while ((length = read_header_line(fragment, line, started)) > 0) {
+    while ((length = mime_read_header_line(fragment, line, sizeof line, started)) > 0) {
         if (starts_with_nocase(line, "Content-Type")) {
             written = header.write_all(line, length) && written;
             // A multipart is not walked here: it stays one body.
@@ -127,7 +111,7 @@ bool mime_copy_outer_header(Stream &fragment, BodyWriter &out) {
     char line[kHeaderLine];
     bool started = false, continued = false;
     std::size_t length;
-    while ((length = read_header_line(fragment, line, started)) > 0) {
+    while ((length = mime_read_header_line(fragment, line, sizeof line, started)) > 0) {
         if (continued || starts_with_nocase(line, "Content-Type")) {
             continued = continues(line);
             continue;
@@ -158,7 +142,7 @@ bool mime_copy_fragment_body(Stream &fragment, BodyWriter &out) {
 void mime_skip_fragment_header(Stream &fragment) {
     char line[kHeaderLine];
     bool started = false;
-    while (read_header_line(fragment, line, started) > 0) {
+    while (mime_read_header_line(fragment, line, sizeof line, started) > 0) {
     }
 }
 

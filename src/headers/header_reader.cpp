@@ -33,17 +33,23 @@ void mime_copy_to_header_file(const char *line) {
         (void)file->write_all(line, std::strlen(line));
 }
 
+std::size_t mime_read_header_line(Stream &stream, char *line, std::size_t size, bool &started) {
+    std::size_t length;
+    while ((length = stream.read_line(line, size)) > 0) {
+        if (!is_blank_line(line)) {
+            started = true;
+            return length;
+        }
+        if (started)
+            return 0;
+    }
+    return 0;
+}
+
 int32_t mime_file_is_mime(Stream &stream) {
     char line[kShortLine];
     bool started = false, type_seen = false, version_seen = false;
-    while (stream.read_line(line, sizeof line) > 0) {
-        if (is_blank_line(line)) {
-            // Blank lines ahead of the header are no end of it.
-            if (started)
-                break;
-            continue;
-        }
-        started = true;
+    while (mime_read_header_line(stream, line, sizeof line, started) > 0) {
         if (starts_with_nocase(line, "Content-Type"))
             type_seen = true;
         if (starts_with_nocase(line, "MIME-VERSION") && std::strstr(line, "1.0") != nullptr)

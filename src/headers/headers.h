@@ -176,6 +176,11 @@ int32_t mime_parse_date(const char *text, int32_t *result);
 
 // ---- Header line readers -------------------------------------------------------------
 
+// The next line of a header block into `line`: blank lines ahead of the
+// block are passed over, a blank line behind its first line or the end of
+// the input ends it. The line's length, or 0 at the end of the block.
+std::size_t mime_read_header_line(Stream &stream, char *line, std::size_t size, bool &started);
+
 // 1 when the header at the stream's position has both a Content-Type line and
 // a MIME-Version line saying 1.0. Leaves the stream where the scan stopped.
 int32_t mime_file_is_mime(Stream &stream);

@@ -102,13 +102,7 @@ int32_t mime_extract_sub_header(Stream &stream, char *boundary, std::size_t boun
     std::memset(call.part, 0, sizeof *call.part);
     char line[kHeaderLine];
     bool started = false;
-    while (stream.read_line(line, sizeof line) > 0) {
-        if (is_blank_line(line)) {
-            if (started)
-                break;
-            continue;
-        }
-        started = true;
+    while (mime_read_header_line(stream, line, sizeof line, started) > 0) {
         call.header_text.append(line);
         if (call.header_text.lost())
             return MIME_NO_MEMORY;
