@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <numeric>
 
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,65 +13,59 @@
 
 namespace {
 
-using tw_test::crlf;
-using tw_test::file_exists;
-using tw_test::read_file;
-using tw_test::Reported;
-using tw_test::write_file;
+using namespace tw_test;
 using Strings = std::vector<std::string>;
+using Results = std::vector<int32_t>;
 
-// A record of "part.idx" as a reader of the file sees it.
 struct Record {
     std::string id;
     uint32_t received, total, set;
     bool operator==(const Record &) const = default;
-    friend std::ostream &operator<<(std::ostream &o, const Record &r) {
-        return o << "{" << r.id << " " << r.received << "/" << r.total << " #" << r.set << "}";
-    }
 };
-
-uint32_t le32(const std::string &b, std::size_t at) {
-    uint32_t v = 0;
-    for (int i = 3; i >= 0; --i)
-        v = v << 8 | static_cast<unsigned char>(b[at + static_cast<std::size_t>(i)]);
-    return v;
-}
 
 // Decoded independently of the library: 92-byte records, little-endian.
 std::vector<Record> index_of(const std::string &dir) {
     const std::string bytes = read_file(dir + "part.idx");
+    auto le32 = [&bytes](std::size_t at) {
+        uint32_t v = 0;
+        for (std::size_t i = 4; i-- > 0;)
+            v = v << 8 | static_cast<unsigned char>(bytes[at + i]);
+        return v;
+    };
     std::vector<Record> records;
     for (std::size_t at = 0; at + 92 <= bytes.size(); at += 92)
-        records.push_back({std::string(bytes.c_str() + at, strnlen(bytes.c_str() + at, 80)),
-                           le32(bytes, at + 80), le32(bytes, at + 84), le32(bytes, at + 88)});
+        records.push_back(
+            {std::string(&bytes[at], strnlen(&bytes[at], 80)), le32(at + 80), le32(at + 84), le32(at + 88)});
     return records;
 }
 
 std::string fragment(const std::string &id, int number, int total, const std::string &body) {
-    std::string type = "Content-Type: message/partial; id=\"" + id + "\"; number=" +
-                       std::to_string(number);
+    std::string type = "Content-Type: message/partial; id=\"" + id + "\"; number=" + std::to_string(number);
     if (total > 0)
         type += ";\n total=" + std::to_string(total);
     return crlf("From: ann@example.org\nSubject: big\nMIME-Version: 1.0\n" + type + "\n\n") + body;
 }
 
-struct FragmentTest : tw_test::ExtractTest {
+const Strings kText{crlf("MIME-Version: 1.0\nContent-Type: text/plain\n\na\n"), crlf("b\n"), crlf("c\n")};
+
+struct FragmentTest : ExtractTest {
     std::string out = "out";
     std::string target() { return path(out) + "/"; }
+    void use(const std::string &name) {
+        out = name;
+        fresh(out);
+        g_reported.clear();
+    }
     void SetUp() override {
         ExtractTest::SetUp();
-        std::filesystem::create_directories(target());
+        fresh(out);
     }
     int32_t store(const std::string &message) {
         write_file(path("fragment.eml"), message);
-        return extract_message(path("fragment.eml").c_str(), tw_test::record_file,
-                               target().c_str());
+        return extract_message(path("fragment.eml").c_str(), record_file, target().c_str());
     }
-    // Stores the pieces of `body` (each ending a line) as fragments in the
-    // given order of numbers; the results.
-    std::vector<int32_t> store_set(const std::string &id, const Strings &pieces,
-                                   const std::vector<int> &order) {
-        std::vector<int32_t> results;
+    Results store_set(const std::string &id, const Strings &pieces, const std::vector<int> &order) {
+        Results results;
         for (int number : order)
             results.push_back(store(fragment(id, number, static_cast<int>(pieces.size()),
                                              pieces[static_cast<std::size_t>(number - 1)])));
@@ -91,72 +85,41 @@ TEST_F(FragmentTest, StoredFragmentsRecordByRecord) {
         std::vector<Record> index;
         Strings fragment_files;
     } cases[] = {
-        {"first set of an empty directory is 1", {{"a", 1, 3}}, {{"a", 1, 3, 1}}, {"00000001.1"}},
-        {"total on the last missing fragment only",
-         {{"a", 1, 0}, {"a", 2, 0}, {"a", 3, 3}},
-         {{"a", 3, 3, 1}},
-         {"00000001.1", "00000001.2", "00000001.3"}},
-        {"a repeat after that never completes",
-         {{"a", 1, 0}, {"a", 2, 0}, {"a", 3, 3}, {"a", 2, 0}},
-         {{"a", 4, 3, 1}},
-         {"00000001.1", "00000001.2", "00000001.3"}},
-        {"repeats count again", {{"a", 2, 3}, {"a", 2, 3}}, {{"a", 2, 3, 1}}, {"00000001.2"}},
+        {"total on the last missing fragment only", {{"a", 1, 0}, {"a", 2, 0}, {"a", 3, 3}},
+         {{"a", 3, 3, 1}}, {"00000001.1", "00000001.2", "00000001.3"}},
+        {"a repeat after that never completes", {{"a", 1, 0}, {"a", 2, 0}, {"a", 3, 3}, {"a", 2, 0}},
+         {{"a", 4, 3, 1}}, {"00000001.1", "00000001.2", "00000001.3"}},
         {"a set of one stays open", {{"a", 1, 1}}, {{"a", 1, 1, 1}}, {"00000001.1"}},
         {"empty ids match", {{"", 1, 4}, {"", 3, 0}}, {{"", 2, 4, 1}}, {"00000001.1", "00000001.3"}},
-        {"ids match without case", {{"AbC", 1, 0}, {"aBc", 2, 5}}, {{"AbC", 2, 5, 1}},
-         {"00000001.1", "00000001.2"}},
-        {"two sets interleaved",
-         {{"a", 1, 3}, {"b", 2, 2}, {"a", 3, 0}},
-         {{"a", 2, 3, 1}, {"b", 1, 2, 2}},
+        {"ids match without case", {{"AbC", 1, 0}, {"aBc", 2, 5}}, {{"AbC", 2, 5, 1}}, {"00000001.1", "00000001.2"}},
+        {"two sets interleaved", {{"a", 1, 3}, {"b", 2, 2}, {"a", 3, 0}}, {{"a", 2, 3, 1}, {"b", 1, 2, 2}},
          {"00000001.1", "00000001.3", "00000002.2"}},
         {"an overlong id is cut alike for storing and comparing",
          {{long_id, 1, 3}, {long_id.substr(0, 79) + "different tail", 2, 0}},
-         {{long_id.substr(0, 79), 2, 3, 1}},
-         {"00000001.1", "00000001.2"}},
+         {{long_id.substr(0, 79), 2, 3, 1}}, {"00000001.1", "00000001.2"}},
         {"numbers are not cut to another fragment's", {{"a", 1001, 2000}, {"a", 100, 0}},
          {{"a", 2, 2000, 1}}, {"00000001.100", "00000001.1001"}},
-        {"a fragment without a number is kept as 0", {{"a", 0, 2}}, {{"a", 1, 2, 1}},
-         {"00000001.0"}},
+        {"a fragment without a number is kept as 0", {{"a", 0, 2}}, {{"a", 1, 2, 1}}, {"00000001.0"}},
     };
     int n = 0;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        out = "out" + std::to_string(n++);
-        std::filesystem::create_directories(target());
+        use("out" + std::to_string(n++));
         for (const Arrival &a : c.arrivals)
             EXPECT_EQ(store(fragment(a.id, a.number, a.total, crlf("body\n"))), 21);
         EXPECT_EQ(index_of(target()), c.index);
         EXPECT_EQ(read_file(target() + "part.idx").size(), 92 * c.index.size());
-        EXPECT_EQ(tw_test::list_dir(target()).size(), c.fragment_files.size() + 1);
+        EXPECT_EQ(list_dir(target()).size(), c.fragment_files.size() + 1);
         for (const std::string &name : c.fragment_files)
             EXPECT_EQ(read_file(target() + name).substr(0, 5), "From:") << name;
+        EXPECT_TRUE(g_reported.empty()) << "nothing is told of an open set";
     }
-    EXPECT_TRUE(tw_test::g_reported.empty()) << "nothing is told of an open set";
 }
 
-TEST_F(FragmentTest, EveryArrivalOrderJoinsInNumberOrder) {
-    const Strings pieces{crlf("Content-Type: text/plain\n\none\n"), crlf("two\n"),
-                         crlf("\nthree\n")};
-    std::vector<int> order{1, 2, 3};
-    int n = 0;
-    do {
-        out = "order" + std::to_string(n++);
-        std::filesystem::create_directories(target());
-        tw_test::g_reported.clear();
-        EXPECT_EQ(store_set("set", pieces, order), (std::vector<int32_t>{21, 21, 1}));
-        EXPECT_EQ(tw_test::list_dir(target()), Strings{"00000000.txt"}) << "index and fragments go";
-        EXPECT_EQ(read_file(target() + "00000000.txt"),
-                  crlf("From: ann@example.org\nSubject: big\nContent-Type: text/plain\n\n\n"
-                       "one\ntwo\nthree\n"));
-        EXPECT_EQ(reported(out), (std::vector<Reported>{{"00000000.txt", 0, 2}}));
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
+// Every arrival order joins in number order. The merged header: the outer lines but the
+// message/partial ones and MIME-Version, then the inner Content-* lines and MIME-Version.
 TEST_F(FragmentTest, JoinedMessagesOfEachKind) {
-    // The merged header: the outer lines but the message/partial ones, then
-    // the inner Content-Type, Content-Transfer-Encoding and MIME-Version.
-    const std::string outer = "From: ann@example.org\nSubject: big\nMIME-Version: 1.0\n";
-    const std::string b64 = "Content-Transfer-Encoding: base64\n";
+    const std::string mv = "MIME-Version: 1.0\n", b64 = "Content-Transfer-Encoding: base64\n";
     const struct {
         const char *name;
         std::string inner;
@@ -165,105 +128,97 @@ TEST_F(FragmentTest, JoinedMessagesOfEachKind) {
         std::vector<Reported> reports;
         std::string text, second; // the .HDR or text file without CRs; the body file
     } cases[] = {
-        {"plain text", "Content-Type: text/plain; charset=us-ascii\n", "X-Dropped: 1\n",
+        {"plain text", mv + "Content-Type: text/plain; charset=us-ascii\n", "X-Dropped: 1\n",
          {"Hello\n", "world\n"}, {{"00000000.txt", 0, 2}}, "Hello\nworld\n", ""},
-        {"base64 text, each fragment decoded by itself", "Content-Type: text/plain\n" + b64, "",
+        {"later fragments lose a leading blank line", "Content-Type: text/plain\n", "",
+         {"one\n", "two\n", "\nthree\n"}, {{"00000000.txt", 0, 2}}, "one\ntwo\nthree\n", ""},
+        {"base64 text, each fragment decoded by itself", mv + "Content-Type: text/plain\n" + b64, "",
          {"SGVs\nbG8g\n", "d29y\nbGQ=\n"}, {{"00000000.txt", 0, 2}}, "Hello world", ""},
-        {"quoted-printable text",
-         "Content-Type: text/plain\nContent-Transfer-Encoding: quoted-printable\n", "",
+        {"quoted-printable text", mv + "Content-Type: text/plain\nContent-Transfer-Encoding: quoted-printable\n", "",
          {"caf=E9 au=\n", " lait\n"}, {{"00000000.txt", 0, 2}}, "caf\xE9 au lait\n", ""},
-        {"a named attachment", "Content-Type: application/octet-stream\n" + b64,
+        {"a named attachment", mv + "Content-Type: application/octet-stream\n" + b64,
          "Content-Disposition: attachment; filename=\"../data.bin\"\n", {"AAEC\n", "/w==\n"},
          {{"00000000.HDR", 0, 0}, {"data.bin", 0, 22}}, "", std::string("\0\1\2\xFF", 4)},
-        // The set's fragment files still hold number 1 while it is joined.
-        {"an image without a name", "Content-Type: image/gif\n" + b64, "", {"R0lG\n", "ODlh\n"},
+        // Set 1's fragment files still exist during the join, so number 2 is next.
+        {"an image without a name", mv + "Content-Type: image/gif\n" + b64, "", {"R0lG\n", "ODlh\n"},
          {{"00000000.HDR", 0, 0}, {"00000002.gif", 0, 11}}, "", "GIF89a"},
-        {"a multipart stays one body", "Content-Type: multipart/mixed; boundary=\"b\"\n", "",
-         {"--b\n\nx\n", "--b--\n"}, {{"00000000.HDR", 0, 0}, {"00000002.TXT", 0, 23}}, "",
-         crlf("--b\n\nx\n--b--\n")},
-        // Uuencoded text collects over all fragments and is decoded once.
+        {"a multipart stays one body", mv + "Content-Type: multipart/mixed; boundary=\"b\"\n", "",
+         {"--b\n\nx\n", "--b--\n"}, {{"00000000.HDR", 0, 0}, {"00000002.TXT", 0, 23}}, "", crlf("--b\n\nx\n--b--\n")},
         {"uuencode over fragment boundaries",
-         "Content-Type: application/octet-stream\nContent-Transfer-Encoding: x-uuencode\n", "",
-         {"begin 644 hi.txt\n#:&D*\n", "`\nend\n"},
-         {{"00000000.HDR", 0, 0}, {"00000002.txt", 0, 22}}, "", "hi\n"},
+         mv + "Content-Type: application/octet-stream\nContent-Transfer-Encoding: x-uuencode\n", "",
+         {"begin 644 hi.txt\n#:&D*\n", "`\nend\n"}, {{"00000000.HDR", 0, 0}, {"00000002.txt", 0, 22}}, "", "hi\n"},
     };
     int n = 0;
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        out = "kind" + std::to_string(n++);
-        std::filesystem::create_directories(target());
-        tw_test::g_reported.clear();
-        const std::string &inner = c.inner;
-        const Strings pieces{crlf("MIME-Version: 1.0\n" + inner + c.dropped + "\n" + c.bodies[0]),
-                             crlf(c.bodies[1])};
-        EXPECT_EQ(store_set("k", pieces, {2, 1}), (std::vector<int32_t>{21, 1}));
-        EXPECT_EQ(reported(out), c.reports);
-        const std::string header = crlf(outer + inner + "\n\n");
-        std::map<std::string, std::string> expected{{c.reports[0].name, header + crlf(c.text)}};
-        if (c.reports.size() > 1)
-            expected[c.reports[1].name] = c.second;
-        EXPECT_EQ(files(out), expected);
+        Strings pieces{crlf(c.inner + c.dropped + "\n" + c.bodies[0])};
+        for (std::size_t i = 1; i < c.bodies.size(); ++i)
+            pieces.push_back(crlf(c.bodies[i]));
+        std::vector<int> order(pieces.size());
+        std::iota(order.begin(), order.end(), 1);
+        Results results(pieces.size(), 21);
+        results.back() = 1;
+        do {
+            SCOPED_TRACE(c.name + std::string(", arriving as ") + testing::PrintToString(order));
+            use("kind" + std::to_string(n++));
+            EXPECT_EQ(store_set("k", pieces, order), results);
+            EXPECT_EQ(reported(out), c.reports);
+            const std::string header = crlf("From: ann@example.org\nSubject: big\n" + c.inner + "\n\n");
+            std::map<std::string, std::string> expected{{c.reports[0].name, header + crlf(c.text)}};
+            if (c.reports.size() > 1)
+                expected[c.reports[1].name] = c.second;
+            EXPECT_EQ(files(out), expected) << "index and fragments go";
+        } while (std::next_permutation(order.begin(), order.end()));
     }
 }
 
 TEST_F(FragmentTest, ExtractMessageXKeepsFragmentsInTheApplicationDirectory) {
-    const Strings pieces{crlf("MIME-Version: 1.0\nContent-Type: text/plain\n\nab\n"), crlf("cd\n")};
     auto feed = [&](int number) {
-        const std::string message = fragment("x", number, 2, pieces[static_cast<std::size_t>(number - 1)]);
-        EXPECT_EQ(extract_message_x(message.data(), static_cast<int32_t>(message.size()), nullptr,
-                                    nullptr), 1);
-        return extract_message_x(nullptr, 0, tw_test::record_file, tw_test::record_bytes);
+        const std::string message = fragment("x", number, 2, kText[static_cast<std::size_t>(number - 1)]);
+        EXPECT_EQ(extract_message_x(message.data(), static_cast<int32_t>(message.size()), nullptr, nullptr), 1);
+        return extract_message_x(nullptr, 0, record_file, record_bytes);
     };
     EXPECT_EQ(feed(2), 21);
     const std::string app = tw::application_directory();
     EXPECT_EQ(index_of(app), (std::vector<Record>{{"x", 1, 2, 1}}));
     EXPECT_EQ(feed(1), 1);
-    ASSERT_EQ(tw_test::g_reported.size(), 1u);
-    EXPECT_EQ(tw_test::g_reported[0], Reported("", 0, 2));
-    EXPECT_EQ(tw_test::g_reported[0].bytes,
-              crlf("From: ann@example.org\nSubject: big\nMIME-Version: 1.0\n"
-                   "Content-Type: text/plain\n\n\nab\ncd\n"));
-    EXPECT_TRUE(tw_test::list_dir(app).empty()) << "nothing outlives the call";
+    ASSERT_EQ(g_reported.size(), 1u);
+    EXPECT_EQ(g_reported[0], Reported("", 0, 2));
+    EXPECT_EQ(g_reported[0].bytes, crlf("From: ann@example.org\nSubject: big\nMIME-Version: 1.0\n"
+                                                 "Content-Type: text/plain\n\n\na\nb\n"));
+    EXPECT_TRUE(list_dir(app).empty()) << "nothing outlives the call";
 }
 
 TEST_F(FragmentTest, FailedJoinsAndPlantedLinks) {
-    const Strings pieces{crlf("MIME-Version: 1.0\nContent-Type: text/plain\n\na\n"), crlf("b\n"),
-                         crlf("c\n")};
-    // A later fragment missing: everything of the set goes, and since its
-    // record was the last the old index stays, "part.id$" beside it.
-    EXPECT_EQ(store_set("m", pieces, {1, 2}), (std::vector<int32_t>{21, 21}));
+    // The failed set's record was the last, so the old index stays beside "part.id$".
+    EXPECT_EQ(store_set("m", kText, {1, 2}), (Results{21, 21}));
     const std::string old_index = read_file(target() + "part.idx");
     std::filesystem::remove(target() + "00000001.2");
-    EXPECT_EQ(store_set("m", pieces, {3}), (std::vector<int32_t>{0}));
+    EXPECT_EQ(store_set("m", kText, {3}), (Results{0}));
     EXPECT_EQ(read_file(target() + "part.idx"), old_index);
-    EXPECT_EQ(tw_test::list_dir(target()), (Strings{"part.id$", "part.idx"}));
-    EXPECT_TRUE(tw_test::g_reported.empty());
+    EXPECT_EQ(list_dir(target()), (Strings{"part.id$", "part.idx"}));
+    EXPECT_TRUE(g_reported.empty());
 
-    // Links planted under every fixed name and fragment name are replaced,
-    // never written through; the stale "part.id$" is not read.
-    out = "links";
-    std::filesystem::create_directories(target());
+    use("links");
     write_file(path("victim"), "precious");
-    for (const char *name : {"part.id$", "tmp.c"})
-        std::filesystem::create_symlink(path("victim"), target() + name);
-    EXPECT_EQ(store_set("n", pieces, {1}), (std::vector<int32_t>{21}));
-    for (const char *name : {"part.id$", "00000001.2", "00000001.3"})
-        std::filesystem::create_symlink(path("victim"), target() + name);
-    EXPECT_EQ(store_set("n", pieces, {3, 2}), (std::vector<int32_t>{21, 1}));
+    auto plant = [&](std::initializer_list<const char *> names) {
+        for (const char *name : names)
+            std::filesystem::create_symlink(path("victim"), target() + name);
+    };
+    plant({"part.id$", "tmp.c"});
+    EXPECT_EQ(store_set("n", kText, {1}), (Results{21}));
+    plant({"part.id$", "00000001.2", "00000001.3"});
+    EXPECT_EQ(store_set("n", kText, {3, 2}), (Results{21, 1}));
     EXPECT_EQ(read_file(path("victim")), "precious");
-    EXPECT_EQ(tw_test::list_dir(target()), Strings{"00000000.txt"});
+    EXPECT_EQ(list_dir(target()), Strings{"00000000.txt"});
 
-    // A link in place of the index itself makes the store fail cleanly.
-    out = "linked-index";
-    std::filesystem::create_directories(target());
-    std::filesystem::create_symlink(path("victim"), target() + "part.idx");
+    use("linked-index");
+    plant({"part.idx"});
     EXPECT_EQ(store(fragment("o", 1, 2, "x")), 0);
     EXPECT_EQ(read_file(path("victim")), "precious");
 }
 
 TEST_F(FragmentTest, CorruptIndexIsReadWithinItsRecords) {
-    // An id without a NUL, a total that a loop would never reach, a short
-    // trailing record; the set is completed by one more fragment.
+    // An id without a NUL, a total a loop would never reach, a short trailing record.
     std::string raw(80, 'z');
     for (uint32_t v : {1999999999u, 2000000000u, 7u})
         for (int i = 0; i < 4; ++i)
@@ -272,24 +227,18 @@ TEST_F(FragmentTest, CorruptIndexIsReadWithinItsRecords) {
     EXPECT_EQ(store(fragment(std::string(79, 'z'), 1, 2, crlf("x\n"))), 0);
     EXPECT_FALSE(file_exists(target() + "00000007.1")) << "the failed join removes the set";
 
-    // A second id in the index: an index that does not end in a whole
-    // record is written back without the tail.
     write_file(target() + "part.idx", raw + std::string(50, '\xEE'));
     EXPECT_EQ(store(fragment("../../evil/", 1, 0, crlf("x\n"))), 21);
-    EXPECT_EQ(index_of(target()), (std::vector<Record>{{std::string(80, 'z'), 1999999999u,
-                                                        2000000000u, 7},
-                                                       {"../../evil/", 1, 0, 1}}));
-    EXPECT_EQ(read_file(target() + "part.idx").size(), 184u);
+    EXPECT_EQ(index_of(target()),
+              (std::vector<Record>{{std::string(80, 'z'), 1999999999u, 2000000000u, 7}, {"../../evil/", 1, 0, 1}}));
+    EXPECT_EQ(read_file(target() + "part.idx").size(), 184u) << "the partial tail is dropped";
     EXPECT_TRUE(file_exists(target() + "00000001.1"));
 }
 
 TEST_F(FragmentTest, TheIndexSurvivesKillsFailedWritesAndLocks) {
-    const Strings pieces{crlf("MIME-Version: 1.0\nContent-Type: text/plain\n\na\n"), crlf("b\n")};
-    store_set("keep", pieces, {1});
+    store_set("keep", {kText[0], kText[1]}, {1});
     const std::string before = read_file(target() + "part.idx");
 
-    // Killed right before the rename: the old index whole, a stale
-    // "part.id$" that the next run replaces.
     const pid_t child = fork();
     if (child == 0) {
         tw::mime_fragment_index_hook = [] { std::raise(SIGKILL); };
@@ -300,9 +249,8 @@ TEST_F(FragmentTest, TheIndexSurvivesKillsFailedWritesAndLocks) {
     ASSERT_EQ(waitpid(child, &wstatus, 0), child);
     ASSERT_TRUE(WIFSIGNALED(wstatus));
     EXPECT_EQ(read_file(target() + "part.idx"), before);
-    EXPECT_TRUE(file_exists(target() + "part.id$"));
+    EXPECT_TRUE(file_exists(target() + "part.id$")) << "stale, for the next run to replace";
 
-    // A write that the file-size limit refuses: result 0, index untouched.
     rlimit old_limit{};
     getrlimit(RLIMIT_FSIZE, &old_limit);
     const auto old_handler = std::signal(SIGXFSZ, SIG_IGN);
@@ -315,16 +263,15 @@ TEST_F(FragmentTest, TheIndexSurvivesKillsFailedWritesAndLocks) {
     EXPECT_EQ(limited, 0);
     EXPECT_EQ(read_file(target() + "part.idx"), before);
 
-    // Another holder of the index lock: a clean refusal.
     {
         tw::File held = tw::File::open(target() + "part.idx", tw::OpenMode::UpdateExisting);
         ASSERT_TRUE(held);
-        EXPECT_EQ(store_set("keep", pieces, {2}), (std::vector<int32_t>{0}));
+        EXPECT_EQ(store_set("keep", {kText[0], kText[1]}, {2}), (Results{0}));
     }
     EXPECT_EQ(read_file(target() + "part.idx"), before);
-    EXPECT_EQ(store_set("keep", pieces, {2}), (std::vector<int32_t>{1}));
+    EXPECT_EQ(store_set("keep", {kText[0], kText[1]}, {2}), (Results{1}));
     // The killed run had copied its fragment already: a file without a record.
-    EXPECT_EQ(tw_test::list_dir(target()), (Strings{"00000000.txt", "00000002.1"}));
+    EXPECT_EQ(list_dir(target()), (Strings{"00000000.txt", "00000002.1"}));
 }
 
 } // namespace

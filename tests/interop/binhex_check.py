@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
-"""BinHex 4.0 against an encoder written here from the published format (CRC from
-binascii.crc_hqx), against macutils' hexbin and binhex where installed, through
-the codec commands, in a composed message that Python's email package reads, and
-through streaming sessions in both delivery modes."""
+"""BinHex 4.0 against an encoder written here (CRC from binascii.crc_hqx), macutils'
+hexbin and binhex, the codec commands, Python's email on a composed message, and
+streaming sessions in both delivery modes."""
 import binascii
 import ctypes
 import email
@@ -18,6 +17,7 @@ LIB, CLI = ctypes.CDLL(os.environ["TARNWICK_LIB"]), os.environ["TARNWICK"]
 WORK = tempfile.mkdtemp(prefix="tarnwick-hqx-")
 BANNER = b"(This file must be converted with BinHex 4.0)"
 ALPHABET = b"!\"#$%&'()*+,-012345689@ABCDEFGHIJKLMNPQRSTUVXYZ[`abcdefhijklmpqr"
+Z4 = b"\0" * 4
 results = []
 
 
@@ -40,9 +40,9 @@ def crc(data):
     return binascii.crc_hqx(data, 0).to_bytes(2, "big")
 
 
-def reference(name, data, rsrc, ftype=b"\0" * 4, creator=b"\0" * 4, flags=b"\0\0",
-              longest=250, width=62, eol=b"\r\n"):
-    """One block as the format describes it, laid out the way this library writes it."""
+def reference(name, data, rsrc, ftype=Z4, creator=Z4, flags=b"\0\0", longest=250, width=62,
+              eol=b"\r\n"):
+    """One block laid out the way this library writes it, unless told otherwise."""
     header = bytes([len(name)]) + name + b"\0" + ftype + creator + flags + \
         len(data).to_bytes(4, "big") + len(rsrc).to_bytes(4, "big")
     raw = header + crc(header) + data + crc(data) + rsrc + (crc(rsrc) if rsrc else b"\0\0")
@@ -52,32 +52,24 @@ def reference(name, data, rsrc, ftype=b"\0" * 4, creator=b"\0" * 4, flags=b"\0\0
         while i + n < len(raw) and raw[i + n] == raw[i] and n < longest:
             n += 1
         one = b"\x90\0" if raw[i] == 0x90 else raw[i:i + 1]
-        packed += one * 2 if n == 2 else one
-        if n > 2:
-            packed += bytes([0x90, n])
+        packed += (one * 2 if n == 2 else one) + (bytes([0x90, n]) if n > 2 else b"")
         i += n
     packed += b"\0" * (-len(packed) % 3)
-    chars = bytearray(b":")
-    for j in range(0, len(packed), 3):
-        v = int.from_bytes(packed[j:j + 3], "big")
-        chars += bytes(ALPHABET[v >> k & 63] for k in (18, 12, 6, 0))
-    lines = [bytes(chars[j:j + width]) for j in range(0, len(chars), width)]
-    body = eol.join(lines) + (eol if len(lines[-1]) == width else b"")
-    return BANNER + eol + body + b":"
+    chars = b":" + bytes(ALPHABET[int.from_bytes(packed[j:j + 3], "big") >> k & 63]
+                         for j in range(0, len(packed), 3) for k in (18, 12, 6, 0))
+    lines = [chars[j:j + width] for j in range(0, len(chars), width)]
+    return BANNER + eol + eol.join(lines) + (eol if len(lines[-1]) == width else b"") + b":"
 
 
-def ours_encode(data, rsrc, name=b"fork.bin", ftype=b"\0" * 4, creator=b"\0" * 4, flags=b"\0\0",
-                existing=None):
+def ours_encode(data, rsrc, name=b"fork.bin", ftype=Z4, creator=Z4, flags=b"\0\0", existing=None):
     dpath, rpath, out = (os.path.join(WORK, n) for n in (name.decode(), "rsrc", "out.hqx"))
     Path(dpath).write_bytes(data)
+    Path(rpath).write_bytes(rsrc)
     Path(out).unlink(missing_ok=True)
     if existing is not None:
         Path(out).write_bytes(existing)
-    if rsrc is not None:
-        Path(rpath).write_bytes(rsrc)
     info = Info(b"not used", ftype, creator, (ctypes.c_ubyte * 2)(*flags))
-    result = LIB.binhex_enc(dpath.encode(), rpath.encode() if rsrc is not None else None,
-                            out.encode(), info)
+    result = LIB.binhex_enc(dpath.encode(), rpath.encode(), out.encode(), info)
     return result, Path(out).read_bytes()
 
 
@@ -87,48 +79,32 @@ def ours_decode(text):
     Path(out).unlink(missing_ok=True)
     second, info = ctypes.create_string_buffer(1024), Info()
     result = LIB.binhex_dec(src.encode(), out.encode(), second, ctypes.byref(info))
-    rsrc = b""
+    rsrc = Path(second.value.decode()).read_bytes() if second.value else b""
     if second.value:
-        rsrc = Path(second.value.decode()).read_bytes()
         os.unlink(second.value)
     return result, Path(out).read_bytes() if os.path.exists(out) else b"", rsrc, info
 
 
-def encoder_cases(rng):
-    for c in (b"A", b"\x90"):
-        for n in (1, 2, 3, 250, 251, 255, 256, 600):
-            yield c * n, b""
-    yield b"\x90\x00" * 5, b"\x90"
-    yield rng.randbytes(16380) + b"q" * 10 + rng.randbytes(16384), b"r" * 16390
-    yield b"", b""
-    yield b"", rng.randbytes(1000)
-    # A run that begins in the header's CRC goes on into the data fork.
-    header = b"\x08fork.bin\0" + b"\0" * 10 + (20).to_bytes(4, "big") + b"\0" * 4
-    yield crc(header)[1:] * 20, b""
-
-
 def check_codec(rng):
-    for data, rsrc in encoder_cases(rng):
+    # The last case: a run that begins in the header's CRC goes on into the data fork.
+    header = b"\x08fork.bin\0" + b"\0" * 10 + (20).to_bytes(4, "big") + Z4
+    cases = [(c * n, b"") for c in (b"A", b"\x90") for n in (2, 3, 251, 600)] + [
+        (b"\x90\x00" * 5, b"\x90"), (b"", rng.randbytes(1000)), (crc(header)[1:] * 20, b""),
+        (rng.randbytes(16380) + b"q" * 10 + rng.randbytes(16384), b"r" * 16390)]
+    for data, rsrc in cases:
         result, got = ours_encode(data, rsrc)
         check(result == 1 and got == reference(b"fork.bin", data, rsrc),
-              f"block of {len(data)}+{len(rsrc)} bytes, byte for byte")
-        check(ours_decode(got)[:3] == (1, data, rsrc), f"round trip {len(data)}+{len(rsrc)}")
+              f"block of {len(data)}+{len(rsrc)} bytes")
     meta = dict(ftype=b"APPL", creator=b"MACS", flags=b"\x01\x80")
-    name = b"n" * 100
-    result, got = ours_encode(b"data", b"res", name=name, existing=b"text before\r\n", **meta)
-    _, twice = ours_encode(b"data", b"res", name=name, existing=got, **meta)
-    one = reference(name, b"data", b"res", b"APPL", b"MACS", b"\x01\x80")
-    check(result == 1 and twice == b"text before\r\n" + one + one, "two blocks behind text")
-    # Python's block in another layout: 64-character LF lines, runs up to 255.
-    for data in (rng.randbytes(5000), b"Z" * 1000 + b"\x90" * 1000):
-        text = reference(b"py.bin", data, b"fork", b"TEXT", b"ttxt", longest=255, width=64,
-                         eol=b"\n")
-        result, out, rsrc, info = ours_decode(text)
-        check((result, out, rsrc, info.name, info.file_type, info.creator) ==
-              (1, data, b"fork", b"py.bin", b"TEXT", b"ttxt"), "we read python's layout")
-        bad = bytearray(text)
-        bad[len(text) // 2] = ord("!") if bad[len(text) // 2] != ord("!") else ord("#")
-        check(ours_decode(bytes(bad))[0] == 0, "a changed character fails the CRC")
+    _, once = ours_encode(b"data", b"res", name=b"n" * 100, existing=b"text before\r\n", **meta)
+    _, twice = ours_encode(b"data", b"res", name=b"n" * 100, existing=once, **meta)
+    one = reference(b"n" * 100, b"data", b"res", **meta)
+    check(twice == b"text before\r\n" + one + one, "two blocks behind text")
+    data = b"Z" * 1000 + b"\x90" * 1000 + rng.randbytes(3000)
+    text = reference(b"py.bin", data, b"fork", b"TEXT", b"ttxt", longest=255, width=64, eol=b"\n")
+    result, out, rsrc, info = ours_decode(text)
+    check((result, out, rsrc, info.name, info.file_type, info.creator) ==
+          (1, data, b"fork", b"py.bin", b"TEXT", b"ttxt"), "we read python's layout")
 
 
 def check_macutils(rng):
@@ -140,14 +116,13 @@ def check_macutils(rng):
     with tempfile.TemporaryDirectory(dir=WORK) as d:
         Path(d, "x.hqx").write_bytes(block)
         run = subprocess.run(["hexbin", "-3", "x.hqx"], cwd=d, capture_output=True)
-        info = Path(d, "fork.bin.info").read_bytes() if Path(d, "fork.bin.info").exists() else b""
-        check(run.returncode == 0 and Path(d, "fork.bin.data").read_bytes() == data and
-              Path(d, "fork.bin.rsrc").read_bytes() == rsrc and info[65:73] == b"TEXTttxt",
+        got = [Path(d, "fork.bin." + e).read_bytes() if Path(d, "fork.bin." + e).exists() else b""
+               for e in ("data", "rsrc", "info")]
+        check(run.returncode == 0 and got[:2] == [data, rsrc] and got[2][65:73] == b"TEXTttxt",
               f"hexbin -3 reads our block {run.stderr!r}")
         Path(d, "plain").write_bytes(data)
         theirs = subprocess.run(["binhex", "-d", "plain"], cwd=d, capture_output=True).stdout
-        theirs = BANNER + theirs[theirs.index(b"\n"):]  # their banner is their own
-        result, out, _, info = ours_decode(theirs)
+        result, out, _, info = ours_decode(BANNER + theirs[theirs.index(b"\n"):])
         check((result, out, info.name) == (1, data, b"plain"), "we read binhex -d output")
 
 
@@ -156,25 +131,20 @@ def check_cli(rng):
     d, r, hqx, out = (os.path.join(WORK, n) for n in ("c.data", "c.rsrc", "c.hqx", "c.out"))
     Path(d).write_bytes(data)
     Path(r).write_bytes(rsrc)
-    for p in (hqx, out, out + ".rsrc"):
-        Path(p).unlink(missing_ok=True)
-    enc = subprocess.run([CLI, "encode", "binhex", d, r, hqx, "--name", "Read Me", "--type", "TX",
-                          "--creator", "ab"], capture_output=True)
+    cli = lambda *args: subprocess.run([CLI, *args], capture_output=True)
+    enc = cli("encode", "binhex", d, r, hqx, "--name", "Read Me", "--type", "TX", "--creator", "ab")
     check(enc.returncode == 0 and Path(hqx).read_bytes() == reference(
         b"Read Me", data, rsrc, b"TX  ", b"ab  "), f"encode binhex --name {enc.stderr!r}")
-    dec = subprocess.run([CLI, "decode", "binhex", hqx, out], capture_output=True)
+    dec = cli("decode", "binhex", hqx, out)
     check(dec.returncode == 0 and b"name: Read Me\ntype: TX  \ncreator: ab  \n" in dec.stdout and
           Path(out).read_bytes() == data and Path(out + ".rsrc").read_bytes() == rsrc,
           f"decode binhex gives both forks {dec.stdout!r}")
-    again = subprocess.run([CLI, "decode", "binhex", hqx, out], capture_output=True)
-    check(again.returncode == 1 and Path(out + ".rsrc").read_bytes() == rsrc and
+    check(cli("decode", "binhex", hqx, out).returncode == 1 and
+          Path(out + ".rsrc").read_bytes() == rsrc and
           not any(n.startswith("$$$") for n in os.listdir(WORK)), "OUT.rsrc is never replaced")
     Path(hqx).write_bytes(Path(hqx).read_bytes().replace(b"(This", b"(That"))
-    bad = subprocess.run([CLI, "decode", "binhex", hqx, out + "2"], capture_output=True)
-    check(bad.returncode == 1, "decode binhex of no BinHex exits 1")
+    check(cli("decode", "binhex", hqx, out + "2").returncode == 1, "no BinHex exits 1")
 
-
-# ---- Composition and streaming ---------------------------------------------------------
 
 class PartInfo(ctypes.Structure):
     _fields_ = [("charset", ctypes.c_char * 20), ("encoding", ctypes.c_char * 30),
@@ -190,8 +160,8 @@ BODY = ctypes.CFUNCTYPE(I32, ctypes.c_void_p, I32, ctypes.POINTER(I32))
 
 
 def compose(path, answers):
-    """A message of one application/mac-binhex40 part; `answers` are the body_cb
-    answers: bytes, or ("file", path)."""
+    """One application/mac-binhex40 part; body_cb answers bytes, or ("file", path)."""
+    Path(path).unlink(missing_ok=True)
     queue = list(answers)
 
     def body(buffer, size, is_file):
@@ -199,8 +169,7 @@ def compose(path, answers):
             return 0
         a = queue.pop(0)
         if isinstance(a, tuple):
-            is_file[0] = 1
-            a = a[1].encode()
+            is_file[0], a = 1, a[1].encode()
         ctypes.memmove(buffer, a, len(a))
         return len(a)
 
@@ -213,58 +182,45 @@ def compose(path, answers):
 
 def check_messages(rng):
     data, rsrc = rng.randbytes(9000) + b"\x90" * 300, rng.randbytes(700)
-    dpath, rpath = os.path.join(WORK, "named.data"), os.path.join(WORK, "named.rsrc")
+    dpath, rpath, path = (os.path.join(WORK, n) for n in ("named.data", "named.rsrc", "m.eml"))
     Path(dpath).write_bytes(data)
     Path(rpath).write_bytes(rsrc)
-    for n, answers in enumerate(([data[:8126], data[8126:], b"", rsrc, b""],
-                                 [("file", dpath), ("file", rpath)])):
-        path = os.path.join(WORK, f"m{n}.eml")
-        Path(path).unlink(missing_ok=True)
-        check(compose(path, answers) == 1, f"compose a BinHex part ({n})")
-        raw = Path(path).read_bytes()
-        msg = email.message_from_bytes(raw)
-        parts = [p for p in msg.walk() if p.get_content_type() == "application/mac-binhex40"]
-        block = parts[0].get_payload(decode=False).encode("latin-1") if parts else b""
-        check(len(parts) == 1 and "Content-Transfer-Encoding" not in parts[0] and
-              block.startswith(BANNER), f"python's email finds the BinHex part ({n})")
-        if n == 1:
-            check(raw.endswith(b"\r\n\r\n" + reference(b"named.data", data, rsrc)),
-                  "the composed block, byte for byte")
-        for mode_dir in (None, os.path.join(WORK, f"out{n}")):
-            args = [CLI, "stream", path] + ([mode_dir] if mode_dir else [])
-            if mode_dir:
-                shutil.rmtree(mode_dir, ignore_errors=True)
-                os.mkdir(mode_dir)
-            run = subprocess.run(args, capture_output=True)
-            lines = [l for l in run.stdout.split(b"\n") if l.startswith(b"body: ")]
-            if mode_dir:
-                got = [Path(l.split(b" ", 2)[2].decode()).read_bytes() for l in lines]
-            else:
-                got = [int(l.split()[2]) for l in lines]
-            want = [data, rsrc] if mode_dir else [len(data), len(rsrc)]
-            check(run.returncode == 0 and got == want and
-                  b"encoding=binhex" in run.stdout, f"session mode {1 if mode_dir else 0} ({n})")
+    check(compose(path, [("file", dpath), ("file", rpath)]) == 1, "compose a BinHex part")
+    raw = Path(path).read_bytes()
+    parts = [p for p in email.message_from_bytes(raw).walk()
+             if p.get_content_type() == "application/mac-binhex40"]
+    check(len(parts) == 1 and "Content-Transfer-Encoding" not in parts[0] and
+          parts[0].get_payload().encode("latin-1").startswith(BANNER) and
+          raw.endswith(b"\r\n\r\n" + reference(b"named.data", data, rsrc)),
+          "python's email finds the block, byte for byte")
+    out = os.path.join(WORK, "out")
+    os.mkdir(out)
+    for mode_dir in (None, out):
+        run = subprocess.run([CLI, "stream", path] + ([mode_dir] if mode_dir else []),
+                             capture_output=True)
+        lines = [l for l in run.stdout.split(b"\n") if l.startswith(b"body: ")]
+        got = [Path(l.split(b" ", 2)[2].decode()).read_bytes() if mode_dir
+               else int(l.split()[2]) for l in lines]
+        want = [data, rsrc] if mode_dir else [len(data), len(rsrc)]
+        check(run.returncode == 0 and got == want and b"encoding=binhex" in run.stdout,
+              f"session mode {1 if mode_dir else 0}")
 
 
 def check_bad_part(rng):
     path = os.path.join(WORK, "bad.eml")
-    Path(path).unlink(missing_ok=True)
     compose(path, [rng.randbytes(500), b"", b"r", b""])
     raw = bytearray(Path(path).read_bytes())
     raw[-100] = ord("!") if raw[-100] != ord("!") else ord("#")
     Path(path).write_bytes(bytes(raw))
-    run = subprocess.run([CLI, "stream", path], capture_output=True)
-    check(b"result: -9" in run.stdout and b"body: " not in run.stdout and
-          b"header: " not in run.stdout, f"a part that fails its CRC: -9 {run.stdout!r}")
+    out = subprocess.run([CLI, "stream", path], capture_output=True).stdout
+    check(b"result: -9" in out and b"body: " not in out and b"header: " not in out,
+          f"a part that fails its CRC: -9 {out!r}")
 
 
 def main():
     rng = random.Random(20261123)
-    check_codec(rng)
-    check_macutils(rng)
-    check_cli(rng)
-    check_messages(rng)
-    check_bad_part(rng)
+    for step in (check_codec, check_macutils, check_cli, check_messages, check_bad_part):
+        step(rng)
     shutil.rmtree(WORK, ignore_errors=True)
     print(f"{sum(results)}/{len(results)} checks passed")
     return 0 if all(results) else 1

@@ -1,8 +1,6 @@
 #!/usr/bin/env python3
 """Header values from mime_encode_HdrField and messages from create_ex_message
-and `tarnwick compose`, read back by Python's email package: decode_header
-must give the bytes and charset encoded, and the parser (policy.default) the
-types, payloads and header values composed."""
+and `tarnwick compose`, read back by Python's email package."""
 import ctypes
 import email
 import os
@@ -30,7 +28,7 @@ class AddressLists(ctypes.Structure):
                 for name in ("to", "from_", "cc", "bcc", "subject")]
 
 
-# Offsets of the fields of mime_part_desc that these checks fill.
+# Offsets and widths of the fields of mime_part_desc that these checks fill.
 DESC = {"charset": (0, 20), "encoding": (20, 30), "content_id": (50, 80),
         "content_location": (130, 256), "content_type": (998, 20),
         "content_subtype": (1018, 20), "filename": (1038, 512), "description": (1550, 512)}
@@ -41,7 +39,6 @@ LIB = ctypes.CDLL(os.environ["TARNWICK_LIB"])
 LIB.mime_encode_HdrField.argtypes = [ctypes.POINTER(HdrField), ctypes.c_char_p, ctypes.POINTER(I32)]
 LIB.create_ex_message.argtypes = [ctypes.POINTER(AddressLists), ctypes.c_char_p, OUTPUT,
                                   NEXT_PART, BODY, I32, I32, ctypes.c_ssize_t]
-DATE = b"Wed, 2 Jan 1980 02:03:55"
 results = []
 
 
@@ -53,42 +50,34 @@ def check(name, ok, detail=""):
 
 
 def chain(elements):
-    """(text, charset, encoding) tuples as a linked chain; the nodes stay alive in the list."""
-    nodes = [HdrField(text, charset, encoding) for text, charset, encoding in elements]
+    """(text, charset, encoding) tuples linked; the list keeps the nodes alive."""
+    nodes = [HdrField(*e) for e in elements]
     for a, b in zip(nodes, nodes[1:]):
         a.next = ctypes.pointer(b)
     return nodes
 
 
-def encode(elements):
-    nodes = chain(elements)
-    out = ctypes.create_string_buffer(1 << 16)
-    length = I32(len(out))
-    assert LIB.mime_encode_HdrField(nodes[0], out, ctypes.byref(length)) == 1
-    return out.raw[:length.value]
-
-
 def check_words(rng):
-    for round_ in range(300):
+    for round_ in range(120):
         kind = 2 if round_ % 2 else 3
-        charset = rng.choice([b"utf-8", b"iso-8859-1", b"windows-1252", b"koi8-r"])
+        charset = rng.choice([b"utf-8", b"iso-8859-1", b"koi8-r"])
         # Python reads '_' in a Q word as a blank, and our '?' could close it.
         banned = {13, 10, 0} | ({ord("_"), ord("?")} if kind == 3 else set())
         text = bytes(b for b in rng.randbytes(rng.randint(1, 300)) if b not in banned) or b"x"
-        value = encode([(text, charset, kind)])
+        nodes = chain([(text, charset, kind)])
+        out = ctypes.create_string_buffer(1 << 16)
+        length = I32(len(out))
+        assert LIB.mime_encode_HdrField(nodes[0], out, ctypes.byref(length)) == 1
+        value = out.raw[:length.value]
         pieces = decode_header(value.decode("ascii"))
-        got = b"".join(p for p, _ in pieces)
-        check("decode_header bytes", got == text, (value, got, text))
-        check("decode_header charset", {c for _, c in pieces} == {charset.decode()}, pieces)
-        lines = value.split(b"\r\n  ")
+        check("decode_header", (b"".join(p for p, _ in pieces), {c for _, c in pieces}) ==
+              (text, {charset.decode()}), (value, pieces, text))
         check("folds only between words", all(line.startswith(b"=?") and line.endswith(b"?=")
-                                              for line in lines if line), value)
+                                              for line in value.split(b"\r\n  ") if line), value)
 
 
-def compose_ex(path, lists, parts, bodies, output=None, mime=1):
+def compose_ex(path, lists, parts, bodies, output):
     """create_ex_message with `parts`: (answer, fields, extra) for each next_part_cb."""
-    parts, bodies = list(parts), list(bodies)
-
     @NEXT_PART
     def next_part(record, extra, size, value):
         if not parts:
@@ -110,8 +99,7 @@ def compose_ex(path, lists, parts, bodies, output=None, mime=1):
         ctypes.memmove(buffer, data, len(data))
         return len(data)
 
-    sink = OUTPUT(0) if output is None else OUTPUT(output)
-    return LIB.create_ex_message(ctypes.byref(lists), path, sink, next_part, body, mime, 0, 7)
+    return LIB.create_ex_message(ctypes.byref(lists), path, OUTPUT(output), next_part, body, 1, 0, 7)
 
 
 def check_create_ex(work):
@@ -121,12 +109,11 @@ def check_create_ex(work):
     sender = chain([(b"Bob <bob@example.com>", b"", 7)])
     lists = AddressLists(ctypes.pointer(to[0]), ctypes.pointer(sender[0]), None, None,
                          ctypes.pointer(subject[0]))
-    image = bytes(random.Random(3).randbytes(5000))
+    image = random.Random(3).randbytes(5000)
     text = "Grüße\r\nzweite Zeile =\r\n".encode()
     parts = [(1, {"content_type": b"multipart", "content_subtype": b"mixed"}, b"X-Top: yes\r\n"),
              (1, {"content_type": b"text", "content_subtype": b"plain", "charset": b"utf-8",
-                  "encoding": b"quoted-printable", "description": b"the text"},
-              b"X-Part: one\r\n"),
+                  "encoding": b"quoted-printable", "description": b"the text"}, b"X-Part: one\r\n"),
              (1, {"content_type": b"image", "content_subtype": b"png", "encoding": b"base64",
                   "filename": b"p.png", "content_location": b"http://x/p.png",
                   "content_id": b"<p@x>"}, b""),
@@ -149,31 +136,24 @@ def check_create_ex(work):
     check("to folded", all(len(line) <= 998 for line in raw.split(b"\r\n")))
     check("from", msg["From"].addresses[0].addr_spec == "bob@example.com")
     check("top extra", msg["X-Top"] == "yes")
-    leaves = [p for p in msg.walk() if not p.is_multipart()]
     check("types", [p.get_content_type() for p in msg.walk()] ==
           ["multipart/mixed", "text/plain", "image/png"])
-    check("text", leaves[0].get_payload(decode=True) == text.replace(b"\r\n", b"\n")
-          or leaves[0].get_payload(decode=True) == text, leaves[0].get_payload(decode=True))
-    check("part extra", leaves[0]["X-Part"] == "one" and
-          leaves[0]["Content-Description"] == "the text")
-    check("image", leaves[1].get_payload(decode=True) == image)
-    check("location", leaves[1]["Content-Location"] == "http://x/p.png" and
-          leaves[1]["Content-ID"] == "<p@x>" and leaves[1].get_filename() == "p.png")
+    txt, img = [p for p in msg.walk() if not p.is_multipart()]
+    check("text", txt.get_payload(decode=True) in (text, text.replace(b"\r\n", b"\n")),
+          txt.get_payload(decode=True))
+    check("part extra", (txt["X-Part"], txt["Content-Description"]) == ("one", "the text"))
+    check("image", img.get_payload(decode=True) == image)
+    check("location", (img["Content-Location"], img["Content-ID"], img.get_filename()) ==
+          ("http://x/p.png", "<p@x>", "p.png"))
 
 
 def check_cli(work):
     tool = os.environ["TARNWICK"]
-    value = subprocess.run([tool, "header", "encode", "Grüße", "plain"], check=True,
-                           capture_output=True).stdout.rstrip(b"\n")
-    pieces = decode_header(value.decode("ascii"))
-    check("header encode", b"".join(p for p, _ in pieces) == "Grüße,plain".encode()
-          or b"".join(p for p, _ in pieces) == "Grüßeplain".encode(), pieces)
     value = subprocess.run([tool, "header", "encode", "--b", "--charset", "iso-8859-1",
                             "Gr\xfc\xdfe".encode("latin-1")], check=True,
                            capture_output=True).stdout.rstrip(b"\n")
     check("header encode --b", decode_header(value.decode()) ==
           [("Grüße".encode("latin-1"), "iso-8859-1")], value)
-
     text = Path(work, "t.txt")
     text.write_bytes(b"Hello\r\n")
     out = Path(work, "cli.eml")
@@ -182,11 +162,10 @@ def check_cli(work):
                     "Grüße aus Köln", "--text", str(text), "-o", str(out)], check=True)
     msg = email.message_from_bytes(out.read_bytes(), policy=policy.default)
     check("compose subject", msg["Subject"] == "Grüße aus Köln", msg["Subject"])
-    sender = msg["From"].addresses[0]
-    check("compose from", (sender.display_name, sender.addr_spec) ==
-          ("Jürgen Müller", "j@example.org"), sender)
-    check("compose to", [(a.display_name, a.addr_spec) for a in msg["To"].addresses] ==
-          [("Ann", "a@example.org"), ("Zoë Ö", "z@example.org")], msg["To"])
+    check("compose addresses", [(a.display_name, a.addr_spec) for a in
+                                msg["From"].addresses + msg["To"].addresses] ==
+          [("Jürgen Müller", "j@example.org"), ("Ann", "a@example.org"),
+           ("Zoë Ö", "z@example.org")], (msg["From"], msg["To"]))
     bad = subprocess.run([tool, "compose", "--to", "zö@example.org", "--text", str(text), "-o",
                           str(Path(work, "bad.eml"))], capture_output=True)
     check("non-ASCII address refused", bad.returncode == 2 and not Path(work, "bad.eml").exists())

@@ -10,7 +10,6 @@ namespace {
 
 using tw_test::crlf;
 using tw_test::file_exists;
-using tw_test::list_dir;
 using tw_test::read_file;
 using tw_test::write_file;
 using Strings = std::vector<std::string>;
@@ -48,17 +47,15 @@ int32_t on_body(const char *data, int32_t length, int32_t *state, intptr_t user)
 }
 
 std::string fragment(int number, int total, const std::string &body, const std::string &id = "s") {
-    return crlf("From: ann@example.org\nSubject: big\nMIME-Version: 1.0\n"
-                "Content-Type: message/partial; id=\"" + id + "\"; number=" +
-                std::to_string(number) + "; total=" + std::to_string(total) + "\n\n") +
+    return crlf("From: ann@example.org\nSubject: big\nMIME-Version: 1.0\nContent-Type: message/partial; id=\"" +
+                id + "\"; number=" + std::to_string(number) + "; total=" + std::to_string(total) + "\n\n") +
            body;
 }
 
-const std::string kMultipart = crlf(
-    "MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=\"b\"\n\n--b\n"
-    "Content-Type: text/plain\n\nhello\n--b\nContent-Type: application/octet-stream; "
-    "name=\"a.bin\"\nContent-Transfer-Encoding: base64\n\n");
-const Strings kPieces{kMultipart, crlf("aGk=\n--b--\n")};
+const Strings kPieces{crlf("MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=\"b\"\n\n--b\n"
+                           "Content-Type: text/plain\n\nhello\n--b\nContent-Type: application/octet-stream; "
+                           "name=\"a.bin\"\nContent-Transfer-Encoding: base64\n\n"),
+                      crlf("aGk=\n--b--\n")};
 
 struct StreamFragmentTest : tw_test::TempDirTest {
     void SetUp() override {
@@ -66,16 +63,13 @@ struct StreamFragmentTest : tw_test::TempDirTest {
         std::filesystem::create_directory(out());
     }
     std::string out() { return dir() + "out/"; }
-
     // One session per fragment; by path when `by_path`, else fed in bytes.
-    int32_t stream(const std::string &message, Seen &s, const char *directory = "./out",
-                   bool by_path = false) {
-        int32_t handle = mime_extract_start(on_header, on_body, on_address, directory,
-                                            reinterpret_cast<intptr_t>(&s));
+    int32_t stream(const std::string &message, Seen &s, const char *directory = "./out", bool by_path = false) {
+        int32_t handle = mime_extract_start(on_header, on_body, on_address, directory, reinterpret_cast<intptr_t>(&s));
         EXPECT_NE(handle, 0);
         if (by_path) {
-            write_file(path("app.eml"), message);
             const std::string name = path("app.eml");
+            write_file(name, message);
             mime_extract_data(handle, name.data(), static_cast<int32_t>(name.size()), 1);
         } else {
             mime_extract_data(handle, message.data(), static_cast<int32_t>(message.size()), 0);
@@ -85,29 +79,30 @@ struct StreamFragmentTest : tw_test::TempDirTest {
         EXPECT_EQ(handle, 0);
         return result;
     }
+    int32_t extract(const std::string &message) {
+        write_file(path("one.eml"), message);
+        return extract_message(path("one.eml").c_str(), [](const char *, int32_t, int32_t) { return 0; },
+                               out().c_str());
+    }
 };
 
 TEST_F(StreamFragmentTest, LastFragmentDeliversTheJoinedMessageInItsOwnCall) {
     for (const bool to_directory : {true, false}) {
         SCOPED_TRACE(to_directory ? "to a directory" : "as bytes");
-        // Without a directory the session works in the private temporary one.
-        ::setenv("TMPDIR", dir().c_str(), 1);
+        ::setenv("TMPDIR", dir().c_str(), 1); // without a directory the private temporary one is used
         Seen s;
         const char *directory = to_directory ? "./out" : nullptr;
         EXPECT_EQ(stream(fragment(2, 2, kPieces[1]), s, directory), MIME_FRAGMENT_STORED);
         EXPECT_EQ(s.events, "") << "nothing is told of an open set";
         EXPECT_EQ(stream(fragment(1, 2, kPieces[0]), s, directory), MIME_OK);
-        const char *kind = to_directory ? "path," : "bytes,";
-        EXPECT_EQ(s.events, std::string("address,multipart/mixed,text/plain,") + kind +
-                                "application/octet-stream," + kind);
+        const std::string kind = to_directory ? "path," : "bytes,";
+        EXPECT_EQ(s.events, "address,multipart/mixed,text/plain," + kind + "application/octet-stream," + kind);
         EXPECT_EQ(s.delivered, (Strings{crlf("hello\n"), "hi"}));
-        // The outer header runs straight into the inner one.
         EXPECT_EQ(s.headers.at(0), crlf("From: ann@example.org\nSubject: big\nMIME-Version: 1.0\n"
                                         "Content-Type: multipart/mixed; boundary=\"b\"\n"));
-        const std::string work = to_directory ? out() : tw::private_temp_directory();
-        const Strings left = list_dir(work);
         // Set 1 still holds its number while the joined message is walked.
-        EXPECT_EQ(left, to_directory ? Strings({"00000002.TXT", "a.bin"}) : Strings{})
+        EXPECT_EQ(tw_test::list_dir(to_directory ? out() : tw::private_temp_directory()),
+                  to_directory ? Strings({"00000002.TXT", "a.bin"}) : Strings{})
             << "index, fragments, joined file and spools are gone";
         ::unsetenv("TMPDIR");
     }
@@ -115,21 +110,12 @@ TEST_F(StreamFragmentTest, LastFragmentDeliversTheJoinedMessageInItsOwnCall) {
 
 TEST_F(StreamFragmentTest, PathFormAndBothExtractionsShareSets) {
     Seen s;
-    // An application's file stays, stored or joined.
     EXPECT_EQ(stream(fragment(1, 2, kPieces[0]), s, "./out", true), MIME_FRAGMENT_STORED);
-    EXPECT_TRUE(file_exists(path("app.eml")));
-    // A set begun by the streaming form, finished by extract_message ...
-    write_file(path("two.eml"), fragment(2, 2, kPieces[1]));
-    EXPECT_EQ(extract_message(path("two.eml").c_str(), [](const char *, int32_t, int32_t) { return 0; },
-                              out().c_str()),
-              1);
+    EXPECT_TRUE(file_exists(path("app.eml"))) << "an application's file stays";
+    EXPECT_EQ(extract(fragment(2, 2, kPieces[1])), 1);
     EXPECT_TRUE(file_exists(out() + "00000000.HDR"));
     EXPECT_FALSE(file_exists(out() + "part.idx"));
-    // ... and the other way round.
-    write_file(path("one.eml"), fragment(1, 2, kPieces[0], "t"));
-    EXPECT_EQ(extract_message(path("one.eml").c_str(), [](const char *, int32_t, int32_t) { return 0; },
-                              out().c_str()),
-              MIME_FRAGMENT_STORED);
+    EXPECT_EQ(extract(fragment(1, 2, kPieces[0], "t")), MIME_FRAGMENT_STORED);
     EXPECT_EQ(stream(fragment(2, 2, kPieces[1], "t"), s, "./out", true), MIME_OK);
     EXPECT_TRUE(file_exists(path("app.eml")));
     EXPECT_EQ(s.delivered.back(), "hi");
@@ -137,16 +123,13 @@ TEST_F(StreamFragmentTest, PathFormAndBothExtractionsShareSets) {
 
 TEST_F(StreamFragmentTest, FailedJoinsAndIndexes) {
     Seen s;
-    // The first fragment's file gone: -10, and with its record the last the
-    // old index stays.
     EXPECT_EQ(stream(fragment(1, 2, kPieces[0]), s), MIME_FRAGMENT_STORED);
     const std::string index = read_file(out() + "part.idx");
     std::filesystem::remove(out() + "00000001.1");
     EXPECT_EQ(stream(fragment(2, 2, kPieces[1]), s), MIME_JOIN_ERROR);
-    EXPECT_EQ(read_file(out() + "part.idx"), index);
+    EXPECT_EQ(read_file(out() + "part.idx"), index) << "the failed set's record was the last";
     EXPECT_EQ(s.events, "");
 
-    // An index that another holds: -3, and the session still ends.
     tw::File held = tw::File::open(out() + "part.idx", tw::OpenMode::UpdateExisting);
     EXPECT_EQ(stream(fragment(1, 3, "x", "u"), s), MIME_FILE_ERROR);
     EXPECT_EQ(read_file(out() + "part.idx"), index);
@@ -154,12 +137,10 @@ TEST_F(StreamFragmentTest, FailedJoinsAndIndexes) {
 
 TEST_F(StreamFragmentTest, LaterFragmentsLoseA1AByteThatEndsAChunk) {
     Seen s;
-    const std::string first = crlf("Content-Type: text/plain\n\na\x1a\n");
     const std::string second = std::string(2047, 'b') + "\x1a" + crlf("\ntail\n");
     EXPECT_EQ(stream(fragment(2, 2, second), s), MIME_FRAGMENT_STORED);
-    EXPECT_EQ(stream(fragment(1, 2, first), s), MIME_OK);
-    ASSERT_EQ(s.delivered.size(), 1u);
-    EXPECT_EQ(s.delivered[0], crlf("a\x1a\n") + std::string(2047, 'b') + crlf("\ntail\n"));
+    EXPECT_EQ(stream(fragment(1, 2, crlf("Content-Type: text/plain\n\na\x1a\n")), s), MIME_OK);
+    EXPECT_EQ(s.delivered, Strings{crlf("a\x1a\n") + std::string(2047, 'b') + crlf("\ntail\n")});
 }
 
 } // namespace

@@ -5,37 +5,20 @@
 namespace {
 
 using tw_test::crlf;
+using tw_test::list_dir;
 using tw_test::message_of;
 using tw_test::read_file;
 using tw_test::WalkRecorder;
+using Strings = std::vector<std::string>;
 
 struct GroupTest : tw_test::WalkTest {};
 
-const std::string kGif = "R0lGODlh\n"; // "GIF89a" in Base64
-
 std::string image(const std::string &id, const std::string &more = "") {
     return "Content-Type: image/gif\nContent-ID: <" + id + ">\n" + more +
-           "Content-Transfer-Encoding: base64\n\n" + kGif;
+           "Content-Transfer-Encoding: base64\n\nR0lGODlh\n"; // "GIF89a"
 }
 
-TEST_F(GroupTest, PageOfTheWorkedExample) {
-    const std::string page = "<img src=\"cid:logo@x\">\n<IMG SRC=logo.gif>\n"
-                             "<body background=\"http://example.com/other/logo.gif\">\n"
-                             "<a href=\"logo.gif\">\n";
-    const std::string message =
-        message_of("multipart/related; boundary=\"g\"\nContent-Location: <http://example.com/dir/>",
-                   "--g\nContent-Type: text/html\n\n" + page + "--g\n" +
-                       image("logo@x", "Content-Location: logo.gif\n") + "--g--\n");
-    WalkRecorder r;
-    ASSERT_EQ(extract(message, r), 1);
-    EXPECT_EQ(r.events, "h:multipart/related,b2:00000001.htm|00000001.gif,00000001.gif,");
-    EXPECT_EQ(read_file(out() + "00000001.htm"),
-              crlf("<img src=\"00000001.gif\">\n<IMG SRC=00000001.gif>\n"
-                   "<body background=\"http://example.com/other/logo.gif\">\n"
-                   "<a href=\"logo.gif\">\n"));
-    EXPECT_EQ(read_file(out() + "00000001.gif"), "GIF89a");
-    EXPECT_EQ(tw_test::list_dir(out()), (std::vector<std::string>{"00000001.gif", "00000001.htm"}));
-}
+using Files = std::vector<std::pair<std::string, std::string>>; // the whole of out/, sorted
 
 TEST_F(GroupTest, GroupsEndToEnd) {
     const std::string html2 = "--g\nContent-Type: text/html\nContent-ID: <page>\n\n"
@@ -43,11 +26,21 @@ TEST_F(GroupTest, GroupsEndToEnd) {
     const std::string two_images = "--g\n" + image("a") + "--g\n" + image("b");
     const std::string alt_text = "--i\nContent-Type: text/plain\n\nsee cid:a\n"
                                  "--i\nContent-Type: text/html\n\n<img src=\"cid:a\">\n--i--\n";
+    const std::string other = "<body background=\"http://example.com/other/logo.gif\">\n"
+                              "<a href=\"logo.gif\">\n";
     const struct {
         std::string type, body;
         int32_t result;
         const char *events;
+        Files files = {}; // unchecked if empty
     } cases[] = {
+        // By cid: and by location against the group's base, in any case.
+        {"multipart/related; boundary=\"g\"\nContent-Location: <http://example.com/dir/>",
+         "--g\nContent-Type: text/html\n\n<img src=\"cid:logo@x\">\n<IMG SRC=logo.gif>\n" + other +
+             "--g\n" + image("logo@x", "Content-Location: logo.gif\n") + "--g--\n",
+         1, "h:multipart/related,b2:00000001.htm|00000001.gif,00000001.gif,",
+         {{"00000001.gif", "GIF89a"},
+          {"00000001.htm", crlf("<img src=\"00000001.gif\">\n<IMG SRC=00000001.gif>\n" + other)}}},
         {"multipart/alternative; boundary=g",
          "--g\nContent-Type: text/plain\n\nplain\n--g\nContent-Type: text/html\n\n<p>\n--g--\n",
          1, "h:multipart/alternative,h:text/plain,b2:00000001.txt,h:text/html,b2:00000001.htm,"},
@@ -88,7 +81,10 @@ TEST_F(GroupTest, GroupsEndToEnd) {
          "--g\nContent-Type: image/gif\nContent-ID: <u>\nContent-Transfer-Encoding: x-uuencode\n\n"
          "begin 644 u.gif\n\"8VD`\n`\nend\n"
          "--g\nContent-Type: image/jpeg; name=\"../../pic.jpg\"\nContent-ID: <n>\n\nraw\n--g--\n",
-         1, "h:multipart/related,b2:00000001.htm|00000001.gif,pic.jpg,"},
+         1, "h:multipart/related,b2:00000001.htm|00000001.gif,pic.jpg,",
+         {{"00000001.gif", "ci"},
+          {"00000001.htm", crlf("<img src=\"00000001.gif\"><img src=\"pic.jpg\">\n")},
+          {"pic.jpg", crlf("raw\n")}}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.type + "\n" + c.body);
@@ -96,12 +92,13 @@ TEST_F(GroupTest, GroupsEndToEnd) {
         WalkRecorder r;
         EXPECT_EQ(extract(message_of(c.type, c.body), r), c.result);
         EXPECT_EQ(r.events, c.events);
+        if (!c.files.empty()) {
+            Files files;
+            for (const std::string &name : list_dir(out()))
+                files.emplace_back(name, read_file(out() + name));
+            EXPECT_EQ(files, c.files);
+        }
     }
-    // The last case: what the files hold.
-    EXPECT_EQ(read_file(out() + "00000001.gif"), "ci");
-    EXPECT_EQ(read_file(out() + "pic.jpg"), crlf("raw\n"));
-    EXPECT_EQ(read_file(out() + "00000001.htm"),
-              crlf("<img src=\"00000001.gif\"><img src=\"pic.jpg\">\n"));
 }
 
 TEST_F(GroupTest, KeptPartsKeepTheirOwnRecordAndHeaderText) {
@@ -131,7 +128,7 @@ TEST_F(GroupTest, BytesModeSendsPageThenLinkedFilesAndLeavesNothing) {
         message_of("multipart/related; boundary=g",
                    "--g\nContent-Type: text/html\n\n<img src=\"cid:a\"><img src=\"cid:a\">\n--g\n" +
                        image("a") + "--g\n" + image("unused") + "--g--\n");
-    // The session's temporary directory is one of our own for this test.
+    // Our own temporary directory for the session, to see it left empty.
     const char *old = std::getenv("TMPDIR");
     const std::string saved = old != nullptr ? old : "";
     ::setenv("TMPDIR", dir().c_str(), 1);
@@ -143,7 +140,7 @@ TEST_F(GroupTest, BytesModeSendsPageThenLinkedFilesAndLeavesNothing) {
     EXPECT_EQ(r.events, crlf("h:multipart/related,b0:<img src=\"00000001.gif\"><img src=\"00000001.gif\">\n")
                             + ",b0:GIF89a,");
     ASSERT_TRUE(temp.starts_with(dir()));
-    EXPECT_EQ(tw_test::list_dir(temp), std::vector<std::string>{});
+    EXPECT_EQ(list_dir(temp), Strings{});
 }
 
 TEST_F(GroupTest, TypedNamesCountOnlyTheExactName) {

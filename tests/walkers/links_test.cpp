@@ -65,10 +65,9 @@ TEST_F(LinksTest, ANameThatReadsAsALinkIsNotRewrittenAgain) {
     EXPECT_EQ(names, Strings{"src=cid:a "});
 }
 
-TEST_F(LinksTest, FailuresLeaveThePage) {
+TEST_F(LinksTest, AMissingPageFailsUnlessTheTableIsEmpty) {
     Strings names;
     EXPECT_EQ(tw::mime_rewrite_links(path("missing.htm"), table(""), names), 0);
-    // An empty table never touches the file, even one that cannot be read.
     EXPECT_EQ(tw::mime_rewrite_links(path("missing.htm"), tw::LinkTable(""), names), 1);
     EXPECT_TRUE(names.empty());
 }

@@ -1,5 +1,5 @@
-// A streaming session over a message, with every callback recorded in one
-// event string, for the walker tests.
+// A streaming session over a message with every callback recorded in one
+// event string: "h:type/subtype," per header, "b<state>:<what>," per delivery.
 #pragma once
 
 #include <filesystem>
@@ -12,23 +12,19 @@
 namespace tw_test {
 
 struct WalkRecorder {
-    std::string events;            // "h:type/subtype," per header, "b<state>:<what>," per delivery
-    std::vector<std::string> texts; // header texts
+    std::string events, strip, bytes; // strip: taken out of delivered paths; bytes: series so far
+    std::vector<std::string> texts;   // header texts
     std::vector<mime_part_desc> records;
-    std::string strip;              // removed from delivered paths
-    std::string bytes;              // bytes mode: the series in progress
-    int32_t header_answer = 0, body_answer = 0;
-    int stop_header_at = -1; // index of the header call that answers -1
-    bool light = false;      // keeps no texts or records: for huge messages
+    int32_t body_answer = 0;
+    int stop_header_at = -1; // the header call that answers -1
+    bool light = false;      // records nothing of headers: for huge messages
     int headers = 0;
 };
-
-inline WalkRecorder &rec(intptr_t user) { return *reinterpret_cast<WalkRecorder *>(user); }
 
 inline int32_t walk_address(mime_address_lists *, intptr_t) { return 0; }
 
 inline int32_t walk_header(mime_part_desc *part, const char *text, int32_t length, intptr_t user) {
-    WalkRecorder &r = rec(user);
+    WalkRecorder &r = *reinterpret_cast<WalkRecorder *>(user);
     if (text[length] != '\0')
         ADD_FAILURE() << "header text not ended at its length";
     if (!r.light) {
@@ -36,11 +32,11 @@ inline int32_t walk_header(mime_part_desc *part, const char *text, int32_t lengt
         r.records.push_back(*part);
         r.events += "h:" + std::string(part->content_type) + "/" + part->content_subtype + ",";
     }
-    return r.headers++ == r.stop_header_at ? -1 : r.header_answer;
+    return r.headers++ == r.stop_header_at ? -1 : 0;
 }
 
 inline int32_t walk_body(const char *data, int32_t length, int32_t *state, intptr_t user) {
-    WalkRecorder &r = rec(user);
+    WalkRecorder &r = *reinterpret_cast<WalkRecorder *>(user);
     std::string piece(data, static_cast<std::size_t>(length));
     if (*state != 0) {
         for (std::size_t at; !r.strip.empty() && (at = piece.find(r.strip)) != std::string::npos;)
@@ -58,8 +54,8 @@ class WalkTest : public TempDirTest {
 protected:
     std::string out() { return dir() + "out/"; }
 
-    // Runs `message` through a session in out/ (or without a directory:
-    // bytes mode) and returns the end call's result.
+    // Runs `message` through a session into out/ (or bytes mode) and returns
+    // the end call's result.
     int32_t extract(const std::string &message, WalkRecorder &r, bool to_directory = true) {
         std::filesystem::create_directories(out());
         r.strip = out();
@@ -67,9 +63,7 @@ protected:
                                             to_directory ? out().c_str() : nullptr,
                                             reinterpret_cast<intptr_t>(&r));
         EXPECT_NE(handle, 0);
-        EXPECT_EQ(mime_extract_data(handle, message.data(), static_cast<int32_t>(message.size()),
-                                    0),
-                  1);
+        EXPECT_EQ(mime_extract_data(handle, message.data(), static_cast<int32_t>(message.size()), 0), 1);
         EXPECT_EQ(mime_extract_data(handle, nullptr, 0, 0), 1);
         const int32_t result = mime_extract_end(&handle);
         EXPECT_EQ(handle, 0);
@@ -77,8 +71,7 @@ protected:
     }
 };
 
-// A message with `type` (a Content-Type value, more header lines may
-// follow it) and `body`; "\n" becomes CRLF.
+// A message of Content-Type `type` (more header lines may follow it); "\n" becomes CRLF.
 inline std::string message_of(const std::string &type, const std::string &body) {
     return crlf("From: a@example.org\nMIME-Version: 1.0\nContent-Type: " + type + "\n\n" + body);
 }
