@@ -117,7 +117,7 @@ TEST_F(PartWalkerTest, NamesFromTheMessageStayInTheDirectory) {
 }
 
 // Far deeper and wider than any fixed-size stack or table could hold.
-constexpr int kLevels = 20000;
+constexpr int kLevels = 100000;
 
 // kLevels multiparts each inside the one before, of types by level, then
 // `leaf` and every closing delimiter.
