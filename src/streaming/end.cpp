@@ -253,13 +253,17 @@ int32_t mime_extract_end_nested(int32_t *handle_pointer, mime_extract_session &s
 
 } // namespace tw
 
-extern "C" TARNWICK_API int32_t mime_extract_end(int32_t *handle_pointer) {
+int32_t tw::mime_extract_end_handle(int32_t *handle_pointer, Summary *summary) {
     if (handle_pointer == nullptr)
         return MIME_NO_SESSION;
     // Out of the table first: a callback that calls back on this handle
     // finds no session instead of one in the middle of its end.
-    tw::SessionPtr session = tw::session_detach(*handle_pointer);
+    SessionPtr session = session_detach(*handle_pointer);
     if (!session)
         return MIME_NO_SESSION;
-    return tw::mime_extract_end_session(handle_pointer, std::move(session));
+    return mime_extract_end_session(handle_pointer, std::move(session), summary);
+}
+
+extern "C" TARNWICK_API int32_t mime_extract_end(int32_t *handle_pointer) {
+    return tw::mime_extract_end_handle(handle_pointer, nullptr);
 }

@@ -6,11 +6,6 @@
 #include "streaming/summary.h"
 
 extern "C" TARNWICK_API int32_t mime_extract_end_ex(int32_t *handle_pointer) {
-    if (handle_pointer == nullptr)
-        return MIME_NO_SESSION;
-    tw::SessionPtr session = tw::session_detach(*handle_pointer);
-    if (!session)
-        return MIME_NO_SESSION;
     tw::Summary summary;
-    return tw::mime_extract_end_session(handle_pointer, std::move(session), &summary);
+    return tw::mime_extract_end_handle(handle_pointer, &summary);
 }

@@ -71,6 +71,9 @@ void mime_name_part_file(std::string &path, std::size_t directory_length, const 
 // With a `summary`, the richer end call.
 int32_t mime_extract_end_session(int32_t *handle_pointer, SessionPtr session,
                                  Summary *summary = nullptr);
+// Both end exports: the session of `*handle_pointer` taken out of the table
+// and ended, with a `summary` for the richer call. -8 for no such session.
+int32_t mime_extract_end_handle(int32_t *handle_pointer, Summary *summary);
 
 // The date search of the first Received: header on a continuation line:
 // the first weekday found fills received_value and ends the search, whether

@@ -13,6 +13,8 @@ import sys
 import tempfile
 from pathlib import Path
 
+from tarnwick_abi import BODY, I32, NEXT_PART, PartInfo
+
 LIB, CLI = ctypes.CDLL(os.environ["TARNWICK_LIB"]), os.environ["TARNWICK"]
 WORK = tempfile.mkdtemp(prefix="tarnwick-hqx-")
 BANNER = b"(This file must be converted with BinHex 4.0)"
@@ -144,19 +146,6 @@ def check_cli(rng):
           not any(n.startswith("$$$") for n in os.listdir(WORK)), "OUT.rsrc is never replaced")
     Path(hqx).write_bytes(Path(hqx).read_bytes().replace(b"(This", b"(That"))
     check(cli("decode", "binhex", hqx, out + "2").returncode == 1, "no BinHex exits 1")
-
-
-class PartInfo(ctypes.Structure):
-    _fields_ = [("charset", ctypes.c_char * 20), ("encoding", ctypes.c_char * 30),
-                ("filename", ctypes.c_char * 256), ("content_id", ctypes.c_char * 80),
-                ("content_type", ctypes.c_char * 20), ("content_subtype", ctypes.c_char * 22),
-                ("parameters", ctypes.c_char * 1028), ("size_on_disk", ctypes.c_uint32),
-                ("reserved", ctypes.c_char * 64)]
-
-
-I32 = ctypes.c_int32
-NEXT_PART = ctypes.CFUNCTYPE(I32, ctypes.POINTER(PartInfo))
-BODY = ctypes.CFUNCTYPE(I32, ctypes.c_void_p, I32, ctypes.POINTER(I32))
 
 
 def compose(path, answers):

@@ -12,19 +12,9 @@ import tempfile
 from email import policy
 from pathlib import Path
 
-
-class PartInfo(ctypes.Structure):
-    _fields_ = [("charset", ctypes.c_char * 20), ("encoding", ctypes.c_char * 30),
-                ("filename", ctypes.c_char * 256), ("content_id", ctypes.c_char * 80),
-                ("content_type", ctypes.c_char * 20), ("content_subtype", ctypes.c_char * 22),
-                ("parameters", ctypes.c_ubyte * 1028), ("size_on_disk", ctypes.c_uint32),
-                ("reserved", ctypes.c_char * 64)]
+from tarnwick_abi import BODY, DONE, EXTRA, I32, NEXT_PART, PartInfo
 
 
-I32 = ctypes.c_int32
-NEXT_PART = ctypes.CFUNCTYPE(I32, ctypes.POINTER(PartInfo))
-BODY = ctypes.CFUNCTYPE(I32, ctypes.c_void_p, I32, ctypes.POINTER(I32))
-DONE, EXTRA = ctypes.CFUNCTYPE(I32, I32, I32), ctypes.CFUNCTYPE(I32, ctypes.c_char_p, I32)
 LIB = ctypes.CDLL(os.environ["TARNWICK_LIB"])
 LIB.create_message.argtypes = [ctypes.c_char_p] * 5 + [
     ctypes.POINTER(PartInfo), ctypes.c_char_p, NEXT_PART, BODY, DONE, EXTRA, I32, I32]
